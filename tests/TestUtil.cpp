@@ -78,8 +78,7 @@ LoopbackListener::LoopbackListener() {
   addr.sin_port = 0;
   socklen_t len = sizeof(addr);
   if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      ::listen(fd_, 16) != 0 ||
-      ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      ::listen(fd_, 16) != 0 || ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
     ADD_FAILURE() << "loopback listener: " << std::strerror(errno);
     return;
   }
