@@ -1,0 +1,187 @@
+#include "ProxySession.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include "FWException.h"
+#include "FWLogStream.h"
+#include "FWMIMEParser.h"
+#include "FWSocket.h"
+#include "FWStringUtils.h"
+#include "ProxyPort.h"
+
+namespace {
+
+std::string Dotted(const sockaddr_in& address) {
+  char buffer[INET_ADDRSTRLEN];
+  if (inet_ntop(AF_INET, &address.sin_addr, buffer, sizeof(buffer)) == nullptr) return "";
+  return buffer;
+}
+
+}  // namespace
+
+ProxySession::ProxySession(int number, ProxyPort* port)
+    : log_prefix_(FWStringUtils::Printf("Session %d: ", number)),
+      number_(static_cast<unsigned int>(number)),
+      port_(port) {}
+
+ProxySession::~ProxySession() { CloseSockets(); }
+
+void ProxySession::Close() {
+  if (!open_) return;
+  CloseSockets();
+  incoming_buffer_.clear();
+  outgoing_buffer_.clear();
+  if (IsConnectionLogging()) {
+    Log(FWStringUtils::Printf("connection from %s closed", incoming_address_.c_str()));
+  }
+  open_ = false;
+}
+
+void ProxySession::OpenIncoming(int listening) {
+  incoming_closed_ = false;
+  incoming_socket_ = FWSocketManager::GetInstance().Accept(listening);
+  start_time_ = std::time(nullptr);
+  accept_date_ = FWMIMEParser::MIMETime(start_time_);
+  GetPeerInfo(incoming_socket_, incoming_host_, incoming_address_);
+  GetSockInfo(incoming_socket_, local_host_, local_address_);
+  if (!IsConnectionLogging()) return;
+  const std::string port_text = port_ != nullptr ? port_->GetIncomingPort() : std::string();
+  Log(FWStringUtils::Printf("connection from %s accepted on %s:%s", incoming_address_.c_str(),
+                            local_address_.c_str(), port_text.c_str()));
+}
+
+void ProxySession::OpenOutgoing(const std::string& server, const std::string& port) {
+  const FWSocketManager& sockets = FWSocketManager::GetInstance();
+  outgoing_closed_ = false;
+  if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
+  outgoing_socket_ = 0;
+  try {
+    sockaddr_in address{};
+    sockets.AddressCreate(address, server, port, "tcp");
+    outgoing_socket_ = sockets.CreateSocket("tcp");
+    sockets.SetBlocking(outgoing_socket_, true);
+    sockets.Connect(outgoing_socket_, address);
+    GetPeerInfo(outgoing_socket_, outgoing_host_, outgoing_address_);
+  } catch (const FWESocketError& error) {
+    Log(FWStringUtils::Printf("Connect to %s:%s failed: ", server.c_str(), port.c_str()) +
+        error.GetText());
+    if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
+    outgoing_socket_ = 0;
+  }
+  outgoing_activity_ = std::time(nullptr);
+}
+
+int ProxySession::ReceiveIncoming() { return Receive(ClientSide()); }
+
+int ProxySession::ReceiveOutgoing() { return Receive(ServerSide()); }
+
+int ProxySession::SendIncoming() { return Send(ClientSide()); }
+
+int ProxySession::SendOutgoing() { return Send(ServerSide()); }
+
+void ProxySession::CheckFinished() {
+  if (Finished() && incoming_buffer_.empty() && outgoing_buffer_.empty()) Close();
+}
+
+void ProxySession::GetPeerInfo(int socket, std::string& host, std::string& address) {
+  sockaddr_in peer{};
+  FWSocketManager::GetInstance().AddressOfPeer(peer, socket);
+  address = Dotted(peer);
+  host.clear();
+}
+
+void ProxySession::GetSockInfo(int socket, std::string& host, std::string& address) {
+  const FWSocketManager& sockets = FWSocketManager::GetInstance();
+  sockaddr_in local{};
+  sockets.AddressOfSocket(local, socket);
+  address = Dotted(local);
+  // The name is for display only: an address without a name must not end the session.
+  try {
+    host = sockets.GetHostByAddress(local);
+  } catch (const FWESocketError&) {
+    host.clear();
+  }
+}
+
+void ProxySession::Log(const std::string& text) const { LogStream.Log(text, log_prefix_); }
+
+ProxySession::Side ProxySession::ClientSide() {
+  return Side{&incoming_socket_,
+              &incoming_buffer_,
+              &incoming_closed_,
+              &incoming_activity_,
+              true,
+              "connection closed by client",
+              "Receive from client: ",
+              "Send to client: "};
+}
+
+ProxySession::Side ProxySession::ServerSide() {
+  return Side{&outgoing_socket_,
+              &outgoing_buffer_,
+              &outgoing_closed_,
+              &outgoing_activity_,
+              false,
+              "connection closed by server",
+              "Receive from server: ",
+              "Send to server: "};
+}
+
+// A read of 0 bytes without try-again is the peer's end of stream. A session that is finished and
+// has sent everything to that peer ends quietly through CheckFinished; any other ends here.
+int ProxySession::Receive(const Side& side) {
+  if (*side.socket == 0) return 0;
+  std::string data;
+  bool try_again = false;
+  int count = 0;
+  try {
+    count = FWSocketManager::GetInstance().Recv(*side.socket, data, try_again);
+  } catch (const FWESocketError& error) {
+    Log(side.receive_text + error.GetText());
+    Close();
+    return 0;
+  }
+  if (side.is_client) {
+    QueueOutgoing(data);
+  } else {
+    QueueIncoming(data, false);
+  }
+  if (count > 0) {
+    *side.activity = std::time(nullptr);
+    return count;
+  }
+  if (try_again) return 0;
+  *side.closed = true;
+  if (Finished() && side.buffer->empty()) return 0;
+  Log(side.closed_text);
+  Close();
+  return 0;
+}
+
+int ProxySession::Send(const Side& side) {
+  if (*side.socket == 0 || side.buffer->empty()) return 0;
+  bool try_again = false;
+  int count = 0;
+  try {
+    count = FWSocketManager::GetInstance().Send(*side.socket, *side.buffer, try_again);
+  } catch (const FWESocketError& error) {
+    Log(side.send_text + error.GetText());
+    Close();
+    return 0;
+  }
+  *side.activity = std::time(nullptr);
+  return count;
+}
+
+bool ProxySession::IsConnectionLogging() {
+  return (LogStream.GetOptions() & FWLogStream::kLogConnections) != 0;
+}
+
+void ProxySession::CloseSockets() {
+  const FWSocketManager& sockets = FWSocketManager::GetInstance();
+  if (incoming_socket_ != 0) sockets.CloseSocket(incoming_socket_);
+  incoming_socket_ = 0;
+  if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
+  outgoing_socket_ = 0;
+}
