@@ -1,9 +1,8 @@
 #include "FWFile.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,171 +16,115 @@ namespace {
 
 class FWFileTest : public ::testing::Test {
  protected:
-  void MakeDir(const std::string& name) {
-    ASSERT_EQ(0, ::mkdir(temp_.File(name).c_str(), 0755)) << name;
-  }
-
   // Every name the directory yields until the first "".
   static std::multiset<std::string> ReadAll(FWDirectory& dir) {
     std::multiset<std::string> names;
-    for (int i = 0; i < 1000; ++i) {
-      const std::string name = dir.NextName();
-      if (name.empty()) break;
+    for (std::string name; names.size() < 1000 && !(name = dir.NextName()).empty();)
       names.insert(name);
-    }
     return names;
   }
 
-  // The text of the exception that Open raises, or "" when it raises none.
-  static std::string OpenFailure(const std::string& path, std::string* source = nullptr) {
+  // "source: text" of the exception that Open raises, or "" when it raises none.
+  static std::string OpenFailure(const std::string& path) {
     FWDirectory dir;
     try {
       dir.Open(path);
     } catch (const FWESystemException& e) {
-      if (source != nullptr) *source = e.GetSource();
-      return e.GetText();
+      return e.GetSource() + ": " + e.GetText();
     }
     return "";
+  }
+
+  // "directory|name|base|ext" of the path.
+  static std::string Split(const std::string& path) {
+    return FWFileName::GetDirectory(path) + "|" + FWFileName::GetName(path) + "|" +
+           FWFileName::GetNameBase(path) + "|" + FWFileName::GetNameExt(path);
+  }
+
+  // "SlashForce|SlashStrip|IsDirectory" of the path.
+  static std::string Slashes(const std::string& path) {
+    return FWFileName::SlashForce(path) + "|" + FWFileName::SlashStrip(path) + "|" +
+           (FWFileName::IsDirectory(path) ? "dir" : "not dir");
   }
 
   testutil::TempDir temp_;
 };
 
-TEST_F(FWFileTest, PathSplitsIntoDirectoryNameBaseAndExtension) {
-  EXPECT_EQ("a/b/", FWFileName::GetDirectory("a/b/c.log"));
-  EXPECT_EQ("c.log", FWFileName::GetName("a/b/c.log"));
-  EXPECT_EQ("c", FWFileName::GetNameBase("a/b/c.log"));
-  EXPECT_EQ("log", FWFileName::GetNameExt("a/b/c.log"));
-  EXPECT_EQ("archive.tar", FWFileName::GetNameBase("archive.tar.gz"));
-  EXPECT_EQ("gz", FWFileName::GetNameExt("archive.tar.gz"));
-  EXPECT_EQ("/", FWFileName::GetDirectory("/c"));
-  EXPECT_EQ("c", FWFileName::GetName("/c"));
-}
-
-TEST_F(FWFileTest, PathWithoutSlashHasNoDirectoryAndIsAllName) {
-  EXPECT_EQ("", FWFileName::GetDirectory("c.log"));
-  EXPECT_EQ("c.log", FWFileName::GetName("c.log"));
-  EXPECT_EQ("", FWFileName::GetName("a/b/"));
-  EXPECT_EQ("a/b/", FWFileName::GetDirectory("a/b/"));
-}
-
-TEST_F(FWFileTest, DotsOutsideTheNameOrAtItsEdgesSplitAsWritten) {
-  EXPECT_EQ("", FWFileName::GetNameBase("dir/.profile"));
-  EXPECT_EQ("profile", FWFileName::GetNameExt("dir/.profile"));
-  EXPECT_EQ("", FWFileName::GetNameExt("my.dir/file"));
-  EXPECT_EQ("file", FWFileName::GetNameBase("my.dir/file"));
-  EXPECT_EQ("name", FWFileName::GetNameBase("name."));
-  EXPECT_EQ("", FWFileName::GetNameExt("name."));
-  EXPECT_EQ("", FWFileName::GetNameBase(""));
-  EXPECT_EQ("", FWFileName::GetNameExt(""));
-}
-
-TEST_F(FWFileTest, ShortNameIsThePathAndTmpDirectoryIsFixed) {
+TEST_F(FWFileTest, PathSplitsAtLastSlashAndLastDotOfTheName) {
+  EXPECT_EQ("a/b/|c.log|c|log", Split("a/b/c.log"));
+  EXPECT_EQ("|archive.tar.gz|archive.tar|gz", Split("archive.tar.gz"));
+  EXPECT_EQ("/|c|c|", Split("/c"));
+  EXPECT_EQ("|c.log|c|log", Split("c.log"));
+  EXPECT_EQ("a/b/|||", Split("a/b/"));
+  EXPECT_EQ("dir/|.profile||profile", Split("dir/.profile"));
+  EXPECT_EQ("my.dir/|file|file|", Split("my.dir/file"));
+  EXPECT_EQ("|name.|name|", Split("name."));
+  EXPECT_EQ("|||", Split(""));
   EXPECT_EQ("a/b/c.log", FWFileName::GetShortName("a/b/c.log"));
   EXPECT_EQ("/tmp", FWFileName::GetTmpDirectory());
 }
 
-TEST_F(FWFileTest, IsDirectoryLooksOnlyAtTheTrailingSlash) {
+TEST_F(FWFileTest, TrailingSlashAloneMakesADirectoryAndIsForcedOrStrippedOnce) {
+  // The file system is not consulted: an existing directory without the slash is no directory.
   EXPECT_FALSE(FWFileName::IsDirectory(temp_.Path()));
   EXPECT_TRUE(FWFileName::IsDirectory(temp_.Path() + "/"));
-  EXPECT_TRUE(FWFileName::IsDirectory("no/such/dir/"));
-  EXPECT_TRUE(FWFileName::IsDirectory("/"));
-  EXPECT_FALSE(FWFileName::IsDirectory(""));
+  EXPECT_EQ("||not dir", Slashes(""));
+  EXPECT_EQ("a/|a|not dir", Slashes("a"));
+  EXPECT_EQ("a/|a|dir", Slashes("a/"));
+  EXPECT_EQ("/||dir", Slashes("/"));
+  EXPECT_EQ("a//|a/|dir", Slashes("a//"));
+  EXPECT_EQ("a/b/|a/b|not dir", Slashes("a/b"));
+  EXPECT_EQ("no/such/dir/|no/such/dir|dir", Slashes("no/such/dir/"));
 }
 
-TEST_F(FWFileTest, SlashForceAndStripTouchOnlyOneTrailingSlash) {
-  EXPECT_EQ("", FWFileName::SlashForce(""));
-  EXPECT_EQ("a/", FWFileName::SlashForce("a"));
-  EXPECT_EQ("a/", FWFileName::SlashForce("a/"));
-  EXPECT_EQ("/", FWFileName::SlashForce("/"));
-  EXPECT_EQ("", FWFileName::SlashStrip("/"));
-  EXPECT_EQ("", FWFileName::SlashStrip(""));
-  EXPECT_EQ("a", FWFileName::SlashStrip("a/"));
-  EXPECT_EQ("a/", FWFileName::SlashStrip("a//"));
-  EXPECT_EQ("a/b", FWFileName::SlashStrip("a/b"));
-}
-
-TEST_F(FWFileTest, ComparePathMarksSlashesAndFileNames) {
-  EXPECT_EQ(std::string("a\x01"
-                        "b\x01",
-                        4),
-            FWFileName::GetComparePath("a/b/"));
-  EXPECT_EQ(std::string("a\x01\x7F"
-                        "c.log"),
-            FWFileName::GetComparePath("a/c.log"));
-  EXPECT_EQ(std::string("\x7F"
-                        "c.log"),
-            FWFileName::GetComparePath("c.log"));
-  EXPECT_EQ(std::string("\x01\x7F"
-                        "c"),
-            FWFileName::GetComparePath("/c"));
-  EXPECT_EQ(std::string("\x7F"), FWFileName::GetComparePath(""));
-}
-
-TEST_F(FWFileTest, SortingByComparePathListsSubdirectoriesBeforeFiles) {
-  std::vector<std::string> paths = {"z.log",     "a/",      "a/y.log", "b.log", "a/b/",
-                                    "a/b/x.log", "a/0.log", "A.log",   "c/",    "a/b/c/"};
+TEST_F(FWFileTest, ComparePathMarksSlashesAndFileNamesAndSortsSubdirectoriesFirst) {
+  // "/" becomes \1 and a file name gets \177 in front.
+  EXPECT_EQ("a\1b\1", FWFileName::GetComparePath("a/b/"));
+  EXPECT_EQ("a\1\177c.log", FWFileName::GetComparePath("a/c.log"));
+  EXPECT_EQ("\177c.log", FWFileName::GetComparePath("c.log"));
+  EXPECT_EQ("\1\177c", FWFileName::GetComparePath("/c"));
+  EXPECT_EQ("\177", FWFileName::GetComparePath(""));
+  const std::vector<std::string> expected = {"a/",      "a/b/", "a/b/c/", "a/b/x.log", "a/0.log",
+                                             "a/y.log", "c/",   "A.log",  "b.log",     "z.log"};
+  std::vector<std::string> paths(expected.rbegin(), expected.rend());
   std::sort(paths.begin(), paths.end(), [](const std::string& l, const std::string& r) {
     return FWFileName::GetComparePath(l) < FWFileName::GetComparePath(r);
   });
-  const std::vector<std::string> expected = {"a/",      "a/b/", "a/b/c/", "a/b/x.log", "a/0.log",
-                                             "a/y.log", "c/",   "A.log",  "b.log",     "z.log"};
   EXPECT_EQ(expected, paths);
 }
 
-TEST_F(FWFileTest, DirectoryListsEveryEntryIncludingDotAndDotDot) {
+TEST_F(FWFileTest, DirectoryListsEveryEntryThenEmptyNamesUntilReopened) {
   testutil::WriteFile(temp_.File("a.log"), "x");
   testutil::WriteFile(temp_.File("b"), "");
-  MakeDir("sub");
+  std::filesystem::create_directory(temp_.File("sub"));
   FWDirectory dir;
-  dir.Open(temp_.Path());
-  const std::multiset<std::string> expected = {".", "..", "a.log", "b", "sub"};
-  EXPECT_EQ(expected, ReadAll(dir));
-  EXPECT_EQ("", dir.NextName());
-  EXPECT_EQ("", dir.NextName());
-}
-
-TEST_F(FWFileTest, OpenAgainRestartsAndCloseEndsTheListing) {
-  testutil::WriteFile(temp_.File("only"), "");
-  FWDirectory dir;
-  EXPECT_EQ("", dir.NextName());
+  EXPECT_EQ("", dir.NextName());  // not open yet
   dir.Open(temp_.Path() + "/");
-  EXPECT_EQ(3u, ReadAll(dir).size());
+  EXPECT_EQ((std::multiset<std::string>{".", "..", "a.log", "b", "sub"}), ReadAll(dir));
+  EXPECT_EQ("", dir.NextName());
+  EXPECT_EQ("", dir.NextName());
   dir.Open(temp_.Path());
-  const std::multiset<std::string> expected = {".", "..", "only"};
-  EXPECT_EQ(expected, ReadAll(dir));
+  EXPECT_EQ(5u, ReadAll(dir).size());
   dir.Open(temp_.Path());
   dir.Close();
   dir.Close();
   EXPECT_EQ("", dir.NextName());
 }
 
-// Failures of Open carry the system's own text.
-TEST_F(FWFileTest, OpenOfMissingDirectoryThrowsSystemText) {
-  std::string source;
-  EXPECT_EQ("No such file or directory, please report this error to the software vendor",
-            OpenFailure(temp_.File("missing"), &source));
-  EXPECT_EQ("FWFile", source);
-  EXPECT_EQ("No such file or directory, please report this error to the software vendor",
-            OpenFailure(""));
-}
-
-TEST_F(FWFileTest, OpenOfPathUnderRegularFileThrowsNotADirectory) {
+// Failures of Open carry the system's own text, and close the stream that was open.
+TEST_F(FWFileTest, OpenFailuresThrowSystemTextAndLeaveNoStreamOpen) {
+  const std::string kSuffix = ", please report this error to the software vendor";
   testutil::WriteFile(temp_.File("plain"), "x");
-  EXPECT_EQ("Not a directory, please report this error to the software vendor",
-            OpenFailure(temp_.File("plain")));
-  EXPECT_EQ("Not a directory, please report this error to the software vendor",
-            OpenFailure(temp_.File("plain/below")));
-}
+  EXPECT_EQ("FWFile: No such file or directory" + kSuffix, OpenFailure(temp_.File("missing")));
+  EXPECT_EQ("FWFile: No such file or directory" + kSuffix, OpenFailure(""));
+  EXPECT_EQ("FWFile: Not a directory" + kSuffix, OpenFailure(temp_.File("plain")));
+  EXPECT_EQ("FWFile: Not a directory" + kSuffix, OpenFailure(temp_.File("plain/below")));
 
-TEST_F(FWFileTest, FailedOpenLeavesNoStreamOpen) {
   FWDirectory dir;
   dir.Open(temp_.Path());
   EXPECT_THROW(dir.Open(temp_.File("missing")), FWESystemException);
   EXPECT_EQ("", dir.NextName());
-}
 
-TEST_F(FWFileTest, ErrorMessageIsTheSystemText) {
   EXPECT_EQ("No such file or directory", GetErrorMessage(ENOENT));
   EXPECT_EQ("Not a directory", GetErrorMessage(ENOTDIR));
   EXPECT_EQ("Success", GetErrorMessage(0));
@@ -189,8 +132,7 @@ TEST_F(FWFileTest, ErrorMessageIsTheSystemText) {
 }
 
 TEST_F(FWFileTest, DeleteDirRemovesTheWholeTree) {
-  MakeDir("tree");
-  MakeDir("tree/inner");
+  ASSERT_TRUE(std::filesystem::create_directories(temp_.File("tree/inner")));
   testutil::WriteFile(temp_.File("tree/inner/x.log"), "x");
   testutil::WriteFile(temp_.File("keep"), "k");
   EXPECT_TRUE(DeleteDir(temp_.File("tree").c_str()));

@@ -6,8 +6,10 @@
 
 #include <chrono>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,27 +18,23 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
-// Waits at most timeout for fd to become readable.
 bool WaitReadable(int fd, milliseconds timeout) {
   pollfd entry{fd, POLLIN, 0};
   return ::poll(&entry, 1, static_cast<int>(timeout.count())) == 1;
 }
 
-// Answers one request on a loopback port with a canned response, or with nothing at all until the
-// client gives up. Every wait in its thread is bounded, so Join() returns in bounded time.
+// Answers one request on a loopback port with a canned response, or, when silent, holds the
+// connection for at most 10 s. Every wait in its thread is bounded, so Join() returns in time.
 class OneShotServer {
  public:
   explicit OneShotServer(std::string response, bool silent = false)
       : response_(std::move(response)), silent_(silent), thread_([this] { Serve(); }) {}
   ~OneShotServer() { Join(); }
 
-  int Port() const { return listener_.Port(); }
-  std::string Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(Port()) + path;
-  }
-  // The request as received; valid after Join().
+  std::string Address() const { return "127.0.0.1:" + std::to_string(listener_.Port()); }
+  // The request line as received; valid after Join().
+  std::string RequestLine() const { return request_.substr(0, request_.find("\r\n")); }
   const std::string& Request() const { return request_; }
   void Join() {
     if (thread_.joinable()) thread_.join();
@@ -53,12 +51,8 @@ class OneShotServer {
       if (got <= 0) break;
       request_.append(buffer, static_cast<std::size_t>(got));
     }
-    if (silent_) {
-      // Holds the connection until the client closes it, or for at most 10 seconds.
-      if (WaitReadable(fd, milliseconds(10000))) (void)::recv(fd, buffer, sizeof(buffer), 0);
-    } else {
-      (void)::send(fd, response_.data(), response_.size(), MSG_NOSIGNAL);
-    }
+    if (silent_ && WaitReadable(fd, milliseconds(10000))) (void)::recv(fd, buffer, 1, 0);
+    if (!silent_) (void)::send(fd, response_.data(), response_.size(), MSG_NOSIGNAL);
     ::close(fd);
   }
 
@@ -69,17 +63,30 @@ class OneShotServer {
   std::thread thread_;  // last: starts once everything it uses exists
 };
 
-// The project version, handed to this test by the build as it is to the product.
-std::string ProjectVersion() { return NORVANE_PROJECT_VERSION; }
+class FWProductTest : public ::testing::Test {
+ protected:
+  // Runs an update check against a server that answers response; false when it found an update.
+  bool Check(const std::string& response, const std::string& path = "/v") {
+    server_ = std::make_unique<OneShotServer>(response);
+    return product_.CheckForUpdate("http://" + server_->Address() + path, milliseconds(5000));
+  }
+  static std::string Answer(const std::string& body) {
+    return "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n" + body;
+  }
+  // "message|failure" after the last check.
+  std::string Result() const {
+    return product_.GetUpdateMessage() + "|" + product_.GetUpdateFailure();
+  }
 
-std::string Answer(const std::string& body) {
-  return "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n" + body;
-}
+  std::unique_ptr<OneShotServer> server_;
+  FWProduct product_;
+};
 
-TEST(FWProductTest, NamesAndVersionComeFromTheBuild) {
+TEST_F(FWProductTest, NamesAndVersionComeFromTheBuild) {
+  const std::string version = NORVANE_PROJECT_VERSION;  // handed to this test by the build
   EXPECT_EQ(FWProduct::GetName(), "Norvane");
-  EXPECT_EQ(FWProduct::GetVersion(), ProjectVersion());
-  EXPECT_EQ(FWProduct::GetDisplayName(), "Norvane " + ProjectVersion());
+  EXPECT_EQ(FWProduct::GetVersion(), version);
+  EXPECT_EQ(FWProduct::GetDisplayName(), "Norvane " + version);
   // The build time read back in the compiler's own layout gives the build date text.
   const std::time_t built = FWProduct::GetBuildTime();
   ASSERT_NE(built, -1);
@@ -90,7 +97,7 @@ TEST(FWProductTest, NamesAndVersionComeFromTheBuild) {
   EXPECT_EQ(FWProduct::GetBuildDate(), text);
 }
 
-TEST(FWProductTest, VersionsCompareNumberByNumber) {
+TEST_F(FWProductTest, VersionsCompareNumberByNumber) {
   EXPECT_TRUE(FWProduct::IsNewerVersion("0.10.0", "0.9.1"));
   EXPECT_FALSE(FWProduct::IsNewerVersion("0.9.1", "0.10.0"));
   EXPECT_TRUE(FWProduct::IsNewerVersion("1.0.1", "1.0"));
@@ -100,7 +107,7 @@ TEST(FWProductTest, VersionsCompareNumberByNumber) {
   EXPECT_FALSE(FWProduct::IsNewerVersion("2..0", "1.0"));
 }
 
-TEST(FWProductTest, SystemTextsAreReadFromInjectedFiles) {
+TEST_F(FWProductTest, SystemTextsAreReadFromInjectedFilesOrThisMachine) {
   testutil::TempDir dir;
   testutil::WriteFile(dir.File("version"), "Linux version 6.1.0-test (gcc 12)\n");
   testutil::WriteFile(dir.File("meminfo"), "MemFree: 12 kB\nMemTotal:       16384000 kB\n");
@@ -111,50 +118,33 @@ TEST(FWProductTest, SystemTextsAreReadFromInjectedFiles) {
   EXPECT_EQ(FWProduct::GetMemoryMB(dir.File("version")), 0);
   EXPECT_EQ(FWProduct::GetOSVersion(dir.File("missing")), "");
   EXPECT_EQ(FWProduct::GetMemoryMB(dir.File("missing")), 0);
-}
-
-TEST(FWProductTest, SystemTextsOfThisMachineAreAvailable) {
   const std::string os = FWProduct::GetOSVersion();
   EXPECT_FALSE(os.empty());
   EXPECT_NE(os.back(), '\n');
   EXPECT_GT(FWProduct::GetMemoryMB(), 0);
 }
 
-TEST(FWProductTest, NewerVersionOnServerReportsUpdate) {
-  OneShotServer server(Answer("999.0.1\r\nsecond line\r\n"));
-  FWProduct product;
-  EXPECT_TRUE(product.CheckForUpdate(server.Url("/norvane/latest.txt"), milliseconds(5000)));
-  EXPECT_EQ(product.GetUpdateMessage(),
-            "Version 999.0.1 is available (running " + FWProduct::GetVersion() + ")");
-  EXPECT_EQ(product.GetUpdateFailure(), "");
-  server.Join();
-  const std::string& request = server.Request();
-  EXPECT_EQ(request.substr(0, request.find("\r\n")), "GET /norvane/latest.txt HTTP/1.0");
-  EXPECT_NE(request.find("\r\nHost: 127.0.0.1:" + std::to_string(server.Port()) + "\r\n"),
-            std::string::npos);
-  EXPECT_TRUE(request.ends_with("\r\n\r\n"));
+TEST_F(FWProductTest, NewerVersionOnServerReportsUpdateAfterAPlainGet) {
+  EXPECT_TRUE(Check(Answer("999.0.1\r\nsecond line\r\n"), "/norvane/latest.txt"));
+  EXPECT_EQ(Result(), "Version 999.0.1 is available (running " + FWProduct::GetVersion() + ")|");
+  server_->Join();
+  EXPECT_EQ(server_->RequestLine(), "GET /norvane/latest.txt HTTP/1.0");
+  EXPECT_NE(server_->Request().find("\r\nHost: " + server_->Address() + "\r\n"), std::string::npos);
+  EXPECT_TRUE(server_->Request().ends_with("\r\n\r\n"));
+  EXPECT_FALSE(Check(Answer("0.0.0\n"), ""));
+  server_->Join();
+  EXPECT_EQ(server_->RequestLine(), "GET / HTTP/1.0");  // a URL without a path asks for the root
 }
 
-TEST(FWProductTest, UrlWithoutPathRequestsRoot) {
-  OneShotServer server(Answer("0.0.0\n"));
-  FWProduct product;
-  EXPECT_FALSE(product.CheckForUpdate(server.Url(""), milliseconds(5000)));
-  server.Join();
-  EXPECT_EQ(server.Request().substr(0, server.Request().find("\r\n")), "GET / HTTP/1.0");
-}
-
-TEST(FWProductTest, SameOrOlderVersionReportsNoUpdateAndNoFailure) {
+TEST_F(FWProductTest, SameOrOlderVersionReportsNoUpdateAndNoFailure) {
   for (const std::string& version : {FWProduct::GetVersion(), std::string("0.0.0")}) {
-    OneShotServer server(Answer(version + "\n"));
-    FWProduct product;
-    EXPECT_FALSE(product.CheckForUpdate(server.Url("/v"), milliseconds(5000))) << version;
-    EXPECT_EQ(product.GetUpdateMessage(), "");
-    EXPECT_EQ(product.GetUpdateFailure(), "") << version;
+    EXPECT_FALSE(Check(Answer(version + "\n"))) << version;
+    EXPECT_EQ(Result(), "|") << version;
   }
 }
 
 // Every failure is no update, with a reason for the log.
-TEST(FWProductTest, BadAnswersReportNoUpdateWithReason) {
+TEST_F(FWProductTest, BadAnswersReportNoUpdateWithReason) {
   const std::pair<std::string, std::string> cases[] = {
       {"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n999.0\r\n",
        "answer without a blank line after the header"},
@@ -164,52 +154,33 @@ TEST(FWProductTest, BadAnswersReportNoUpdateWithReason) {
       {Answer("\r\n999.0\r\n"), "answer without a version"},
   };
   for (const auto& [response, reason] : cases) {
-    OneShotServer server(response);
-    FWProduct product;
-    EXPECT_FALSE(product.CheckForUpdate(server.Url("/v"), milliseconds(5000))) << reason;
-    EXPECT_EQ(product.GetUpdateMessage(), "");
-    EXPECT_EQ(product.GetUpdateFailure(), reason);
+    EXPECT_FALSE(Check(response)) << reason;
+    EXPECT_EQ(Result(), "|" + reason);
   }
-  OneShotServer closing("");
-  FWProduct product;
-  EXPECT_FALSE(product.CheckForUpdate(closing.Url("/v"), milliseconds(5000)));
-  EXPECT_EQ(product.GetUpdateFailure(),
-            "empty answer from 127.0.0.1:" + std::to_string(closing.Port()));
+  EXPECT_FALSE(Check(""));
+  EXPECT_EQ(Result(), "|empty answer from " + server_->Address());
 }
 
-TEST(FWProductTest, UnusableUrlsReportNoUpdate) {
-  FWProduct product;
-  EXPECT_FALSE(product.CheckForUpdate("", milliseconds(1000)));
-  EXPECT_EQ(product.GetUpdateFailure(), "");
+TEST_F(FWProductTest, UnusableUrlsAndClosedPortsReportNoUpdate) {
+  EXPECT_FALSE(product_.CheckForUpdate("", milliseconds(1000)));
+  EXPECT_EQ(Result(), "|");
   for (const std::string url : {"ftp://127.0.0.1/v", "http://", "http://127.0.0.1:0/v",
                                 "http://127.0.0.1:65536/v", "http://127.0.0.1:8x/v"}) {
-    EXPECT_FALSE(product.CheckForUpdate(url, milliseconds(1000)));
-    EXPECT_EQ(product.GetUpdateFailure(), "bad update URL '" + url + "'");
+    EXPECT_FALSE(product_.CheckForUpdate(url, milliseconds(1000)));
+    EXPECT_EQ(Result(), "|bad update URL '" + url + "'");
   }
+  const std::string closed = "127.0.0.1:" + std::to_string(testutil::LoopbackListener().Port());
+  EXPECT_FALSE(product_.CheckForUpdate("http://" + closed + "/v", milliseconds(5000)));
+  EXPECT_EQ(Result(), "|cannot connect to " + closed + ": (connect) Connection refused");
 }
 
-TEST(FWProductTest, ClosedPortReportsNoUpdate) {
-  int port = 0;
-  {
-    testutil::LoopbackListener listener;
-    port = listener.Port();
-  }
-  FWProduct product;
-  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/v";
-  EXPECT_FALSE(product.CheckForUpdate(url, milliseconds(5000)));
-  EXPECT_EQ(product.GetUpdateFailure(), "cannot connect to 127.0.0.1:" + std::to_string(port) +
-                                            ": (connect) Connection refused");
-}
-
-TEST(FWProductTest, SilentServerTimesOutWithNoUpdate) {
+TEST_F(FWProductTest, SilentServerTimesOutWithNoUpdate) {
   OneShotServer server("", true);
-  FWProduct product;
-  const auto start = steady_clock::now();
-  EXPECT_FALSE(product.CheckForUpdate(server.Url("/v"), milliseconds(1000)));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(product_.CheckForUpdate("http://" + server.Address() + "/v", milliseconds(1000)));
   // The server would hold the connection for 10 seconds; the check must not wait for it.
-  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
-  EXPECT_EQ(product.GetUpdateFailure(),
-            "no answer from 127.0.0.1:" + std::to_string(server.Port()) + " within 1000 ms");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(Result(), "|no answer from " + server.Address() + " within 1000 ms");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "FWSocket.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -12,6 +11,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -53,10 +55,10 @@ class FWSocketTest : public ::testing::Test {
   }
 
   // A connected client and the server side accepted from listener_.
-  void Connect(int& client, int& server) {
-    client = Own(sockets_.CreateSocket("tcp"));
+  std::pair<int, int> Connect() {
+    const int client = Own(sockets_.CreateSocket("tcp"));
     sockets_.Connect(client, Loopback(listener_.Port()));
-    server = Own(sockets_.Accept(listener_.Fd()));
+    return {client, Own(sockets_.Accept(listener_.Fd()))};
   }
 
   static bool Readable(int fd) {
@@ -64,31 +66,22 @@ class FWSocketTest : public ::testing::Test {
     return ::poll(&entry, 1, 0) == 1;
   }
 
-  static int OpenDescriptors() {
-    int count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    while (dir != nullptr && ::readdir(dir) != nullptr) ++count;
-    if (dir != nullptr) ::closedir(dir);
-    return count;
+  static long OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   }
 
-  // Runs call, which must throw FWESocketError; returns it for inspection.
-  template <typename Call>
-  static FWException Failure(Call call) {
+  // Runs call, which must throw FWESocketError from the given line with the given text.
+  static void ExpectFailure(unsigned line, const std::string& text,
+                            const std::function<void()>& call) {
     try {
       call();
+      ADD_FAILURE() << "no FWESocketError: " << text;
     } catch (const FWESocketError& e) {
-      return e;
+      EXPECT_EQ(e.GetSource(), "src/FWSocket");
+      EXPECT_EQ(e.GetLine(), line);
+      EXPECT_EQ(e.GetText(), text);
+      EXPECT_EQ(e.GetFullText(), text + " (src/FWSocket: " + std::to_string(line) + ")");
     }
-    ADD_FAILURE() << "no FWESocketError";
-    return FWException("", 0, FWNotification());
-  }
-
-  static void ExpectFailure(const FWException& e, unsigned line, const std::string& text) {
-    EXPECT_EQ(e.GetSource(), "src/FWSocket");
-    EXPECT_EQ(e.GetLine(), line);
-    EXPECT_EQ(e.GetText(), text);
-    EXPECT_EQ(e.GetFullText(), text + " (src/FWSocket: " + std::to_string(line) + ")");
   }
 
   FWSocketManager& sockets_ = FWSocketManager::GetInstance();
@@ -96,7 +89,7 @@ class FWSocketTest : public ::testing::Test {
   std::vector<int> fds_;
 };
 
-TEST_F(FWSocketTest, AddressCreateTakesDottedHostAndNumericPortCutToSixteenBits) {
+TEST_F(FWSocketTest, AddressCreateCutsNumericPortToSixteenBitsButRejectsZeroAnd65536) {
   sockaddr_in address;
   sockets_.AddressCreate(address, "127.0.0.1", "65535", "tcp");
   EXPECT_EQ(address.sin_family, AF_INET);
@@ -105,6 +98,14 @@ TEST_F(FWSocketTest, AddressCreateTakesDottedHostAndNumericPortCutToSixteenBits)
   sockets_.AddressCreate(address, "", "65537", "tcp");
   EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_ANY));
   EXPECT_EQ(ntohs(address.sin_port), 1);
+  for (const std::string port : {"0", "65536"}) {
+    // The reason is the system's errno text after the failed look-up, whatever the resolver sets.
+    errno = 0;
+    EXPECT_EQ(getservbyname(port.c_str(), "tcp"), nullptr);
+    const std::string reason = std::strerror(errno);
+    ExpectFailure(106, "(" + port + ") " + reason,
+                  [&] { sockets_.AddressCreate(address, "", port, "tcp"); });
+  }
 }
 
 TEST_F(FWSocketTest, ServiceNamePortIsLookedUpInServicesDatabase) {
@@ -116,36 +117,18 @@ TEST_F(FWSocketTest, ServiceNamePortIsLookedUpInServicesDatabase) {
   EXPECT_EQ(ntohs(address.sin_port), 110);
 }
 
-TEST_F(FWSocketTest, PortZeroAndPortOnePastLimitFailAsUnknownServices) {
-  for (const std::string port : {"0", "65536"}) {
-    // The reason is the system's errno text after the failed look-up, whatever the resolver sets.
-    errno = 0;
-    EXPECT_EQ(getservbyname(port.c_str(), "tcp"), nullptr);
-    const std::string reason = std::strerror(errno);
-    sockaddr_in address;
-    const FWException e = Failure([&] { sockets_.AddressCreate(address, "", port, "tcp"); });
-    ExpectFailure(e, 106, "(" + port + ") " + reason);
+TEST_F(FWSocketTest, IsAddressLocalHoldsForPrivateRangesOnlyAndRejectsMalformedAddresses) {
+  // Each range from its first to its last address, and the neighbours just outside it.
+  for (const char* local : {"10.1.2.3", "172.16.0.0", "172.31.255.255", "192.168.0.1"}) {
+    EXPECT_TRUE(sockets_.IsAddressLocal(local)) << local;
   }
-}
-
-TEST_F(FWSocketTest, IsAddressLocalHoldsForPrivateRangesOnly) {
-  EXPECT_FALSE(sockets_.IsAddressLocal("127.0.0.1"));
-  EXPECT_FALSE(sockets_.IsAddressLocal("9.255.255.255"));
-  EXPECT_TRUE(sockets_.IsAddressLocal("10.1.2.3"));
-  EXPECT_FALSE(sockets_.IsAddressLocal("11.0.0.0"));
-  EXPECT_FALSE(sockets_.IsAddressLocal("172.15.255.255"));
-  EXPECT_TRUE(sockets_.IsAddressLocal("172.16.0.0"));
-  EXPECT_TRUE(sockets_.IsAddressLocal("172.31.255.255"));
-  EXPECT_FALSE(sockets_.IsAddressLocal("172.32.0.0"));
-  EXPECT_TRUE(sockets_.IsAddressLocal("192.168.0.1"));
-  EXPECT_FALSE(sockets_.IsAddressLocal("192.169.0.0"));
-}
-
-TEST_F(FWSocketTest, MalformedAddressFailsAsInvalidArgument) {
-  ExpectFailure(Failure([&] { sockets_.IsAddressLocal("10.1.2.x"); }), 357,
-                "(invalid argument) 10.1.2.x");
-  ExpectFailure(Failure([&] { sockets_.GetHostByAddress("not-an-address"); }), 239,
-                "(invalid argument) not-an-address");
+  for (const char* other :
+       {"127.0.0.1", "9.255.255.255", "11.0.0.0", "172.15.255.255", "172.32.0.0", "192.169.0.0"}) {
+    EXPECT_FALSE(sockets_.IsAddressLocal(other)) << other;
+  }
+  ExpectFailure(357, "(invalid argument) 10.1.2.x", [&] { sockets_.IsAddressLocal("10.1.2.x"); });
+  ExpectFailure(239, "(invalid argument) not-an-address",
+                [&] { sockets_.GetHostByAddress("not-an-address"); });
 }
 
 TEST_F(FWSocketTest, GetDNSServersListsNameserverLinesInFileOrderWhateverTheirCase) {
@@ -159,7 +142,7 @@ TEST_F(FWSocketTest, GetDNSServersListsNameserverLinesInFileOrderWhateverTheirCa
   EXPECT_TRUE(sockets_.GetDNSServers(dir.File("resolv.conf") + "/below-a-file").empty());
 }
 
-TEST_F(FWSocketTest, CreateSocketPicksTypeFromProtocolAndRejectsUnknownOnes) {
+TEST_F(FWSocketTest, CreateSocketPicksTypeFromProtocolAndFailuresCarryTheSystemReason) {
   int type = 0;
   socklen_t length = sizeof(type);
   const int tcp = Own(sockets_.CreateSocket("tcp"));
@@ -168,15 +151,12 @@ TEST_F(FWSocketTest, CreateSocketPicksTypeFromProtocolAndRejectsUnknownOnes) {
   const int udp = Own(sockets_.CreateSocket("udp"));
   ASSERT_EQ(::getsockopt(udp, SOL_SOCKET, SO_TYPE, &type, &length), 0);
   EXPECT_EQ(type, SOCK_DGRAM);
-  ExpectFailure(Failure([&] { sockets_.CreateSocket("nosuchproto"); }), 176,
-                "(nosuchproto) unknown protocol");
-  ExpectFailure(Failure([&] { sockets_.Listen(udp, 5); }), 342, "(listen) Operation not supported");
-}
-
-TEST_F(FWSocketTest, BindToAddressInUseFailsWithSystemReason) {
-  const int fd = Own(sockets_.CreateSocket("tcp"));
-  const sockaddr_in address = Loopback(listener_.Port());
-  ExpectFailure(Failure([&] { sockets_.Bind(fd, address); }), 138, "(bind) Address already in use");
+  ExpectFailure(176, "(nosuchproto) unknown protocol",
+                [&] { sockets_.CreateSocket("nosuchproto"); });
+  ExpectFailure(342, "(listen) Operation not supported", [&] { sockets_.Listen(udp, 5); });
+  const int tcp_in_use = Own(sockets_.CreateSocket("tcp"));
+  const sockaddr_in in_use = Loopback(listener_.Port());
+  ExpectFailure(138, "(bind) Address already in use", [&] { sockets_.Bind(tcp_in_use, in_use); });
 }
 
 TEST_F(FWSocketTest, IsAddressInUseProbesWithoutLeakingTheSocket) {
@@ -187,10 +167,8 @@ TEST_F(FWSocketTest, IsAddressInUseProbesWithoutLeakingTheSocket) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST_F(FWSocketTest, AcceptedConnectionKnowsBothAddresses) {
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
+TEST_F(FWSocketTest, AcceptedConnectionKnowsBothAddressesAndLoneSocketFails) {
+  const auto [client, server] = Connect();
   sockaddr_in client_side;
   sockaddr_in server_view;
   sockets_.AddressOfSocket(client_side, client);
@@ -199,34 +177,21 @@ TEST_F(FWSocketTest, AcceptedConnectionKnowsBothAddresses) {
   EXPECT_EQ(server_view.sin_port, client_side.sin_port);
   sockaddr_in unused;
   const int lone = Own(sockets_.CreateSocket("tcp"));
-  ExpectFailure(Failure([&] { sockets_.AddressOfPeer(unused, lone); }), 115,
-                "(getpeername) Transport endpoint is not connected");
-  ExpectFailure(Failure([&] { sockets_.Accept(lone); }), 76, "(accept) Invalid argument");
+  ExpectFailure(115, "(getpeername) Transport endpoint is not connected",
+                [&] { sockets_.AddressOfPeer(unused, lone); });
+  ExpectFailure(76, "(accept) Invalid argument", [&] { sockets_.Accept(lone); });
+  const sockaddr_in closed = Loopback(ClosedPort());
+  ExpectFailure(168, "(connect) Connection refused", [&] { sockets_.Connect(lone, closed); });
 }
 
-TEST_F(FWSocketTest, ConnectToClosedLoopbackPortIsRefused) {
-  const int fd = Own(sockets_.CreateSocket("tcp"));
-  const sockaddr_in address = Loopback(ClosedPort());
-  ExpectFailure(Failure([&] { sockets_.Connect(fd, address); }), 168,
-                "(connect) Connection refused");
-}
-
-TEST_F(FWSocketTest, SendOfEmptyTextReturnsZeroAndLeavesTryAgainAlone) {
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
+TEST_F(FWSocketTest, SendAndRecvMoveAtMost32000BytesPerCallAndRecvSeesTheClose) {
+  const auto [client, server] = Connect();
   std::string empty;
   for (const bool flag : {true, false}) {
     bool try_again = flag;
     EXPECT_EQ(sockets_.Send(client, empty, try_again), 0);
-    EXPECT_EQ(try_again, flag);
+    EXPECT_EQ(try_again, flag);  // an empty send leaves try_again alone
   }
-}
-
-TEST_F(FWSocketTest, SendAndRecvMoveAtMost32000BytesPerCall) {
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
   std::string original(40000, '\0');
   for (std::size_t i = 0; i < original.size(); ++i) original[i] = static_cast<char>(i % 251);
   std::string outgoing = original;
@@ -244,16 +209,10 @@ TEST_F(FWSocketTest, SendAndRecvMoveAtMost32000BytesPerCall) {
   EXPECT_EQ(sockets_.Recv(server, incoming, try_again), 32000);
   EXPECT_EQ(sockets_.Recv(server, incoming, try_again), 8000);  // appended to what is there
   EXPECT_EQ(incoming, original);
-}
-
-TEST_F(FWSocketTest, RecvReturnsZeroWithoutTryAgainWhenPeerClosed) {
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
   ::shutdown(client, SHUT_WR);
   ASSERT_TRUE(testutil::WaitUntil([&] { return Readable(server); }));
   std::string data;
-  bool try_again = true;
+  try_again = true;
   EXPECT_EQ(sockets_.Recv(server, data, try_again), 0);
   EXPECT_FALSE(try_again);
   EXPECT_TRUE(data.empty());
@@ -262,38 +221,26 @@ TEST_F(FWSocketTest, RecvReturnsZeroWithoutTryAgainWhenPeerClosed) {
 TEST_F(FWSocketTest, SendToResetConnectionThrowsInsteadOfRaisingSigpipe) {
   // The default action of SIGPIPE ends the process: a missing MSG_NOSIGNAL kills this test.
   const sighandler_t previous = ::signal(SIGPIPE, SIG_DFL);
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
+  const auto [client, server] = Connect();
   const linger reset{1, 0};
   ASSERT_EQ(::setsockopt(server, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
   CloseOwned(server);  // with a zero linger time, close sends a reset
   ASSERT_TRUE(testutil::WaitUntil([&] { return Readable(client); }));
   std::string data;
   bool try_again = false;
-  ExpectFailure(Failure([&] { sockets_.Recv(client, data, try_again); }), 394,
-                "(receive) Connection reset by peer");
+  ExpectFailure(394, "(receive) Connection reset by peer",
+                [&] { sockets_.Recv(client, data, try_again); });
   data = "after the reset";
-  ExpectFailure(Failure([&] { sockets_.Send(client, data, try_again); }), 413,
-                "(send) Broken pipe");
+  ExpectFailure(413, "(send) Broken pipe", [&] { sockets_.Send(client, data, try_again); });
   ::signal(SIGPIPE, previous);
 }
 
-TEST_F(FWSocketTest, SetBlockingTogglesNonBlockingFlag) {
-  const int fd = Own(sockets_.CreateSocket("tcp"));
-  sockets_.SetBlocking(fd, false);
-  EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-  sockets_.SetBlocking(fd, false);
-  EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-  sockets_.SetBlocking(fd, true);
-  EXPECT_EQ(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-}
-
-TEST_F(FWSocketTest, NonBlockingTransfersThatCannotProceedSetTryAgain) {
-  int client = 0;
-  int server = 0;
-  Connect(client, server);
-  sockets_.SetBlocking(server, false);
+TEST_F(FWSocketTest, SetBlockingTogglesFlagAndNonBlockingTransfersThatCannotProceedSetTryAgain) {
+  const auto [client, server] = Connect();
+  for (const bool blocking : {false, false, true, false}) {
+    sockets_.SetBlocking(server, blocking);
+    EXPECT_EQ(::fcntl(server, F_GETFL) & O_NONBLOCK, blocking ? 0 : O_NONBLOCK) << blocking;
+  }
   sockets_.SetBlocking(client, false);
   std::string data;
   bool try_again = false;

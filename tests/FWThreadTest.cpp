@@ -21,9 +21,10 @@
 
 namespace {
 
-using std::chrono::milliseconds;
+using Codes = std::vector<int32_t>;
 
 // Records every notification with the thread it arrived on; safe to use from several threads.
+// With park set, it suspends that thread from inside a failure notification, as the service does.
 class Recorder : public FWSubscriber {
  public:
   struct Entry {
@@ -35,29 +36,73 @@ class Recorder : public FWSubscriber {
   };
 
   void NotificationReceive(const FWNotification& notification, FWPublisher* sender) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back({notification.GetRawText(), notification.GetCode(),
-                        notification.GetSeverity(), sender, pthread_self()});
-    OnReceive(notification);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      entries_.push_back({notification.GetRawText(), notification.GetCode(),
+                          notification.GetSeverity(), sender, pthread_self()});
+    }
+    if (park != nullptr && notification.GetSeverity() != FWThread::kAnnouncementSeverity) {
+      park->Suspend();
+    }
   }
-
   std::vector<Entry> Entries() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return entries_;
   }
-
-  std::vector<int32_t> Codes() const {
-    std::vector<int32_t> codes;
+  Codes GetCodes() const {
+    Codes codes;
     for (const Entry& entry : Entries()) codes.push_back(entry.code);
     return codes;
   }
 
- protected:
-  virtual void OnReceive(const FWNotification&) {}
+  FWThread* park = nullptr;
 
  private:
   mutable std::mutex mutex_;
   std::vector<Entry> entries_;
+};
+
+// A worker that does one of several things, each bounded or ended by Kill.
+class TestThread : public FWThread {
+ public:
+  enum class Mode { kHandshake, kSleep, kSuspend, kPoll, kThrowFramework, kThrowOther };
+  explicit TestThread(Mode mode) : mode_(mode) {}
+  ~TestThread() override { Kill(); }
+  int value() const { return value_; }  // only while the thread is suspended
+  bool passed() const { return passed_; }
+  void Release() { released_ = true; }
+  std::atomic<bool> entered{false};
+
+ protected:
+  int32_t ThreadMain() override {
+    entered = true;
+    switch (mode_) {
+      case Mode::kHandshake:  // hands three values over, then returns 7
+        for (value_ = 10; value_ <= 30; value_ += 10) Suspend();
+        return 7;
+      case Mode::kSleep:
+        Sleep(30000);
+        break;
+      case Mode::kSuspend:
+        Suspend();
+        break;
+      case Mode::kPoll:  // until released, at most about 10 s
+        for (int i = 0; i < 2000 && !released_; ++i) Sleep(5);
+        return 9;
+      case Mode::kThrowFramework:
+        throw FWEProtocolError(FW_HERE, "bad frame");
+      case Mode::kThrowOther:
+        throw 42;
+    }
+    passed_ = true;
+    return 5;
+  }
+
+ private:
+  const Mode mode_;
+  int value_ = 0;  // written by the worker before it suspends, read by the test meanwhile
+  std::atomic<bool> passed_{false};
+  std::atomic<bool> released_{false};
 };
 
 // Runs fn on a helper thread and waits for it at most 10 seconds. A thread operation that hangs
@@ -75,121 +120,68 @@ void RunBounded(const std::function<void()>& fn, const char* what) {
   helper.join();
 }
 
-// Hands three values over through the suspend/resume handshake, then returns 7.
-class HandshakeThread : public FWThread {
- public:
-  ~HandshakeThread() override { Kill(); }
-  int value() const { return value_; }  // only while the thread is suspended
-
+class FWThreadTest : public ::testing::Test {
  protected:
-  int32_t ThreadMain() override {
-    for (int i = 1; i <= 3; ++i) {
-      value_ = i * 10;
-      Suspend();
+  using Mode = TestThread::Mode;
+  const Codes kRunKill = {FWThread::kAnnounceRun, FWThread::kAnnounceKill};
+
+  void Start(FWThread& thread, Recorder* recorder = nullptr) {
+    thread.Attach(recorder != nullptr ? recorder : &recorder_);
+    thread.Run();
+  }
+  static void WaitFinished(const FWThread& thread) {
+    ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  }
+  // The text of the FWEAssertionFailed that call throws.
+  static std::string AssertionText(const std::function<void()>& call) {
+    try {
+      call();
+    } catch (const FWEAssertionFailed& e) {
+      return e.GetText();
     }
-    return 7;
+    return "no assertion";
+  }
+  // "text|code|severity" of the one failure that followed kAnnounceRun, received on the worker.
+  static std::string Failure(const Recorder& recorder) {
+    const std::vector<Recorder::Entry> entries = recorder.Entries();
+    if (entries.size() != 2u) return "entries: " + std::to_string(entries.size());
+    const Recorder::Entry& entry = entries[1];
+    EXPECT_FALSE(pthread_equal(entry.receiver, pthread_self()));
+    return entry.text + "|" + std::to_string(entry.code) + "|" + std::to_string(entry.severity);
   }
 
- private:
-  int value_ = 0;  // written by the worker before it suspends, read by the test meanwhile
+  Recorder recorder_;
 };
 
-// Blocks in a long Sleep or in Suspend; records whether it ever got past it.
-class BlockingThread : public FWThread {
- public:
-  explicit BlockingThread(bool suspend) : suspend_(suspend) {}
-  ~BlockingThread() override { Kill(); }
-  bool entered() const { return entered_; }
-  bool passed() const { return passed_; }
-
- protected:
-  int32_t ThreadMain() override {
-    entered_ = true;
-    if (suspend_) {
-      Suspend();
-    } else {
-      Sleep(30000);
-    }
-    passed_ = true;
-    return 5;
-  }
-
- private:
-  const bool suspend_;
-  std::atomic<bool> entered_{false};
-  std::atomic<bool> passed_{false};
-};
-
-// Polls until released (at most about 10 s), then returns 9.
-class PollingThread : public FWThread {
- public:
-  ~PollingThread() override { Kill(); }
-  void Release() { released_ = true; }
-  std::atomic<bool> entered{false};
-
- protected:
-  int32_t ThreadMain() override {
-    entered = true;
-    for (int i = 0; i < 2000 && !released_; ++i) Sleep(5);
-    return 9;
-  }
-
- private:
-  std::atomic<bool> released_{false};
-};
-
-// Throws a framework exception, or something else.
-class ThrowingThread : public FWThread {
- public:
-  explicit ThrowingThread(bool framework) : framework_(framework) {}
-  ~ThrowingThread() override { Kill(); }
-
- protected:
-  int32_t ThreadMain() override {
-    if (framework_) throw FWEProtocolError(FW_HERE, "bad frame");
-    throw 42;
-  }
-
- private:
-  const bool framework_;
-};
-
-bool IsAnnouncement(const Recorder::Entry& entry) {
-  return entry.text.empty() && entry.severity == FWThread::kAnnouncementSeverity;
-}
-
-TEST(FWThreadTest, SuspendResumeHandshakeHandsOverEachValue) {
-  HandshakeThread thread;
-  thread.Run();
+TEST_F(FWThreadTest, SuspendResumeHandshakeHandsOverEachValue) {
+  TestThread thread(Mode::kHandshake);
+  Start(thread);
   for (int i = 1; i <= 3; ++i) {
     ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsSuspended(); })) << "round " << i;
     EXPECT_EQ(i * 10, thread.value());
     EXPECT_FALSE(thread.IsFinished());
-    EXPECT_TRUE(thread.IsSuspended());
     thread.Resume();
   }
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   EXPECT_FALSE(thread.IsSuspended());
   EXPECT_EQ(7, thread.Wait());
   EXPECT_EQ(7, thread.GetResult());
 }
 
-TEST(FWThreadTest, BaseThreadAnnouncesRunMainAndWaitInOrder) {
-  Recorder recorder;
+TEST_F(FWThreadTest, BaseThreadAnnouncesRunMainAndWaitEachOnItsOwnThread) {
   FWThread thread;
-  thread.Attach(&recorder);
   EXPECT_FALSE(thread.IsStarted());
-  thread.Run();
+  Start(thread);
   EXPECT_TRUE(thread.IsStarted());
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   EXPECT_EQ(0, thread.Wait());
   EXPECT_TRUE(thread.IsStarted());
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceMain,
-                                         FWThread::kAnnounceWait};
-  ASSERT_EQ(expected, recorder.Codes());
-  const std::vector<Recorder::Entry> entries = recorder.Entries();
+  const Codes expected = {FWThread::kAnnounceRun, FWThread::kAnnounceMain, FWThread::kAnnounceWait};
+  ASSERT_EQ(expected, recorder_.GetCodes());
+  const std::vector<Recorder::Entry> entries = recorder_.Entries();
   for (const Recorder::Entry& entry : entries) {
-    EXPECT_TRUE(IsAnnouncement(entry)) << entry.code;
+    EXPECT_EQ("", entry.text) << entry.code;
+    EXPECT_EQ(FWThread::kAnnouncementSeverity, entry.severity) << entry.code;
     EXPECT_EQ(&thread, entry.sender);
   }
   EXPECT_TRUE(pthread_equal(entries[0].receiver, pthread_self()));
@@ -197,64 +189,55 @@ TEST(FWThreadTest, BaseThreadAnnouncesRunMainAndWaitInOrder) {
   EXPECT_TRUE(pthread_equal(entries[2].receiver, pthread_self()));
 }
 
-TEST(FWThreadTest, KillEndsThreadBlockedInSleep) {
-  Recorder recorder;
-  BlockingThread thread(false);
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.entered(); }));
-  RunBounded([&] { thread.Kill(); }, "Kill of a sleeping thread");
-  EXPECT_TRUE(thread.IsFinished());
-  EXPECT_TRUE(thread.IsStarted());
-  EXPECT_EQ(-1, thread.GetResult());
-  EXPECT_FALSE(thread.passed());
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceKill};
-  EXPECT_EQ(expected, recorder.Codes());
-  EXPECT_EQ(-1, thread.Wait());
+TEST_F(FWThreadTest, KillEndsThreadBlockedInSleepOrSuspendAndReleasesTheLock) {
+  for (const Mode mode : {Mode::kSleep, Mode::kSuspend}) {
+    Recorder recorder;
+    TestThread thread(mode);
+    Start(thread, &recorder);
+    ASSERT_TRUE(testutil::WaitUntil(
+        [&] { return mode == Mode::kSleep ? thread.entered.load() : thread.IsSuspended(); }));
+    bool finished = false;
+    bool suspended = true;
+    // The queries take the lock that a cancelled suspended thread held inside its wait.
+    RunBounded(
+        [&] {
+          thread.Kill();
+          finished = thread.IsFinished();
+          suspended = thread.IsSuspended();
+        },
+        "Kill of a blocked thread");
+    EXPECT_TRUE(finished);
+    EXPECT_FALSE(suspended);
+    EXPECT_TRUE(thread.IsStarted());
+    EXPECT_FALSE(thread.passed());
+    EXPECT_EQ(-1, thread.GetResult());
+    EXPECT_EQ(kRunKill, recorder.GetCodes());
+    EXPECT_EQ(-1, thread.Wait());
+  }
 }
 
-TEST(FWThreadTest, KillEndsSuspendedThreadAndReleasesTheLock) {
-  Recorder recorder;
-  BlockingThread thread(true);
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsSuspended(); }));
-  bool finished = false;
-  bool suspended = true;
-  // The queries take the lock that the cancelled thread held inside its wait.
+TEST_F(FWThreadTest, DestructorAndClearKillRunningThread) {
   RunBounded(
       [&] {
-        thread.Kill();
-        finished = thread.IsFinished();
-        suspended = thread.IsSuspended();
-      },
-      "Kill of a suspended thread");
-  EXPECT_TRUE(finished);
-  EXPECT_FALSE(suspended);
-  EXPECT_EQ(-1, thread.GetResult());
-  EXPECT_FALSE(thread.passed());
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceKill};
-  EXPECT_EQ(expected, recorder.Codes());
-}
-
-TEST(FWThreadTest, DestructorKillsRunningThread) {
-  Recorder recorder;
-  RunBounded(
-      [&] {
-        BlockingThread thread(false);
-        thread.Attach(&recorder);
-        thread.Run();
-        testutil::WaitUntil([&] { return thread.entered(); });
+        TestThread thread(Mode::kSleep);
+        Start(thread);
+        testutil::WaitUntil([&] { return thread.entered.load(); });
       },
       "Destruction of a running thread");
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceKill};
-  EXPECT_EQ(expected, recorder.Codes());
+  EXPECT_EQ(kRunKill, recorder_.GetCodes());
+  TestThread thread(Mode::kSleep);
+  Start(thread);
+  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.entered.load(); }));
+  RunBounded([&] { thread.Clear(); }, "Clear of a sleeping thread");
+  EXPECT_FALSE(thread.IsStarted());
+  EXPECT_FALSE(thread.IsFinished());
+  EXPECT_EQ(-1, thread.GetResult());
+  EXPECT_EQ((Codes{2, 3, 2, 3}), recorder_.GetCodes());  // run and kill, twice
 }
 
-TEST(FWThreadTest, OperationsWithoutRunningThreadDoNothingAndSendNothing) {
-  Recorder recorder;
+TEST_F(FWThreadTest, OperationsWithoutRunningThreadDoNothingAndSendNothing) {
   FWThread thread;
-  thread.Attach(&recorder);
+  thread.Attach(&recorder_);
   thread.Kill();
   thread.Resume();
   thread.Suspend();
@@ -262,139 +245,69 @@ TEST(FWThreadTest, OperationsWithoutRunningThreadDoNothingAndSendNothing) {
   EXPECT_FALSE(thread.IsFinished());
   EXPECT_FALSE(thread.IsSuspended());
   EXPECT_EQ(0, thread.GetResult());
-  EXPECT_TRUE(recorder.Codes().empty());
+  EXPECT_TRUE(recorder_.GetCodes().empty());
 }
 
-TEST(FWThreadTest, SuspendFromAnotherThreadThrowsAssertion) {
-  Recorder recorder;
-  PollingThread thread;
-  thread.Attach(&recorder);
-  thread.Run();
+TEST_F(FWThreadTest, SuspendFromAnotherThreadAndSecondRunThrowAssertions) {
+  TestThread thread(Mode::kPoll);
+  Start(thread);
+  EXPECT_EQ("Assertion Failed (Thread == 0)", AssertionText([&] { thread.Run(); }));
   ASSERT_TRUE(testutil::WaitUntil([&] { return thread.entered.load(); }));
-  try {
-    thread.Suspend();
-    ADD_FAILURE() << "Suspend from another thread did not throw";
-  } catch (const FWEAssertionFailed& e) {
-    EXPECT_EQ("Assertion Failed (Thread == pthread_self())", e.GetText());
-  }
+  EXPECT_EQ("Assertion Failed (Thread == pthread_self())",
+            AssertionText([&] { thread.Suspend(); }));
   thread.Resume();  // not suspended: nothing happens
   EXPECT_FALSE(thread.IsSuspended());
   thread.Release();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   EXPECT_EQ(9, thread.Wait());
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceWait};
-  EXPECT_EQ(expected, recorder.Codes());
+  EXPECT_EQ((Codes{FWThread::kAnnounceRun, FWThread::kAnnounceWait}), recorder_.GetCodes());
 }
 
-TEST(FWThreadTest, RunWhileThreadRunsThrowsAndSendsNothing) {
+TEST_F(FWThreadTest, EscapingExceptionsReachSubscribersFromTheWorker) {
+  TestThread framework(Mode::kThrowFramework);
+  Start(framework);
+  WaitFinished(framework);
+  EXPECT_EQ("protocol error: bad frame|10012|3", Failure(recorder_));
+  EXPECT_EQ(-1, framework.Wait());
   Recorder recorder;
-  PollingThread thread;
-  thread.Attach(&recorder);
-  thread.Run();
-  try {
-    thread.Run();
-    ADD_FAILURE() << "second Run did not throw";
-  } catch (const FWEAssertionFailed& e) {
-    EXPECT_EQ("Assertion Failed (Thread == 0)", e.GetText());
-  }
-  thread.Release();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
-  EXPECT_EQ(std::vector<int32_t>{FWThread::kAnnounceRun}, recorder.Codes());
+  TestThread other(Mode::kThrowOther);
+  Start(other, &recorder);
+  WaitFinished(other);
+  EXPECT_EQ("execute operation failed (unhandled exception)|10014|3", Failure(recorder));
 }
 
-TEST(FWThreadTest, FrameworkExceptionReachesSubscribersAsItsNotification) {
-  Recorder recorder;
-  ThrowingThread thread(true);
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
-  const std::vector<Recorder::Entry> entries = recorder.Entries();
-  ASSERT_EQ(2u, entries.size());
-  EXPECT_EQ("protocol error: bad frame", entries[1].text);
-  EXPECT_EQ(10012, entries[1].code);
-  EXPECT_EQ(3, entries[1].severity);
-  EXPECT_FALSE(pthread_equal(entries[1].receiver, pthread_self()));
-  EXPECT_EQ(-1, thread.Wait());
-}
-
-TEST(FWThreadTest, OtherExceptionReachesSubscribersAsExecuteFailure) {
-  Recorder recorder;
-  ThrowingThread thread(false);
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
-  const std::vector<Recorder::Entry> entries = recorder.Entries();
-  ASSERT_EQ(2u, entries.size());
-  EXPECT_EQ("execute operation failed (unhandled exception)", entries[1].text);
-  EXPECT_EQ(10014, entries[1].code);
-}
-
-// The service's pattern: the subscriber parks the worker from inside NotificationReceive, and the
-// controlling thread reads the message while it is parked.
-class SuspendingRecorder : public Recorder {
- public:
-  FWThread* thread = nullptr;
-  std::string message;  // written on the worker before it suspends
-
- protected:
-  void OnReceive(const FWNotification& notification) override {
-    if (notification.GetSeverity() == FWThread::kAnnouncementSeverity) return;
-    message = notification.GetRawText();
-    thread->Suspend();
-  }
-};
-
-TEST(FWThreadTest, ExceptionIsReportedWhileThreadStillCountsAsRunning) {
-  SuspendingRecorder recorder;
-  ThrowingThread thread(true);
-  recorder.thread = &thread;
-  thread.Attach(&recorder);
-  thread.Run();
+TEST_F(FWThreadTest, ExceptionIsReportedWhileThreadStillCountsAsRunning) {
+  TestThread thread(Mode::kThrowFramework);
+  recorder_.park = &thread;
+  Start(thread);
   ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsSuspended(); }));
-  EXPECT_EQ("protocol error: bad frame", recorder.message);
+  EXPECT_EQ("protocol error: bad frame", recorder_.Entries().back().text);
   EXPECT_FALSE(thread.IsFinished());
   thread.Resume();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   EXPECT_EQ(-1, thread.Wait());
 }
 
-TEST(FWThreadTest, ClearReturnsToNotStartedAndThreadRunsAgain) {
-  Recorder recorder;
+TEST_F(FWThreadTest, ClearReturnsToNotStartedAndThreadRunsAgain) {
   FWThread thread;
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  Start(thread);
+  WaitFinished(thread);
   thread.Clear();
   EXPECT_FALSE(thread.IsStarted());
   EXPECT_FALSE(thread.IsFinished());
   thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   thread.Run();  // a thread that finished by itself is joined first
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.IsFinished(); }));
+  WaitFinished(thread);
   EXPECT_EQ(0, thread.Wait());
-  const std::vector<int32_t> expected = {2, 0, 2, 0, 2, 0, 1};
-  EXPECT_EQ(expected, recorder.Codes());
+  EXPECT_EQ((Codes{2, 0, 2, 0, 2, 0, 1}), recorder_.GetCodes());
 }
 
-TEST(FWThreadTest, ClearKillsRunningThread) {
-  Recorder recorder;
-  BlockingThread thread(false);
-  thread.Attach(&recorder);
-  thread.Run();
-  ASSERT_TRUE(testutil::WaitUntil([&] { return thread.entered(); }));
-  RunBounded([&] { thread.Clear(); }, "Clear of a sleeping thread");
-  EXPECT_FALSE(thread.IsStarted());
-  EXPECT_FALSE(thread.IsFinished());
-  EXPECT_EQ(-1, thread.GetResult());
-  const std::vector<int32_t> expected = {FWThread::kAnnounceRun, FWThread::kAnnounceKill};
-  EXPECT_EQ(expected, recorder.Codes());
-}
-
-TEST(FWThreadTest, SleepLastsAtLeastTheGivenMilliseconds) {
+TEST_F(FWThreadTest, SleepLastsAtLeastTheGivenMilliseconds) {
   for (const unsigned long ms : {250ul, 1005ul}) {
     const auto start = std::chrono::steady_clock::now();
     FWThread::Sleep(ms);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(ms)) << ms;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(ms)) << ms;
   }
 }
 
