@@ -3,7 +3,7 @@
 # Sourced by run.sh and test.sh; usable on its own: bash scripts/deps.sh
 set -euo pipefail
 
-NORVANE_PACKAGES=(g++ cmake make zlib1g-dev libgtest-dev libgmock-dev clang-format)
+NORVANE_PACKAGES=(g++ cmake make zlib1g-dev libgtest-dev libgmock-dev libssl-dev clang-format)
 
 norvane_install_deps() {
   local missing=()

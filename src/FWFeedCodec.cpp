@@ -1,0 +1,258 @@
+#include "FWFeedCodec.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <utility>
+
+#include <zlib.h>
+
+#include "FWException.h"
+#include "FWStringUtils.h"
+
+namespace {
+
+// Errors name the session that uses the codec as their source; the operation names are the
+// product's own and are kept.
+constexpr const char* kSource = "MonitoringSession";
+constexpr const char* kDeflateOperation = "ProxySession::Deflate";
+constexpr const char* kInflateOperation = "ProxySession::Inflate";
+constexpr const char* kCleanupOperation = "ProxySession::CleanupCompression";
+constexpr int kLevel = 1;  // fastest: frames are made on the service thread on every poll
+// Output grows from this size; zlib's counters are 32-bit, so input and output are handed over in
+// pieces of at most kMaxPiece bytes.
+constexpr std::size_t kChunk = 100000;
+constexpr std::size_t kMaxPiece = std::size_t{1} << 30;
+// Above this capacity an emptied receive buffer gives its memory back.
+constexpr std::size_t kKeptCapacity = 64 * 1024;
+
+[[noreturn]] void ThrowZlib(unsigned line, const char* operation, const char* prefix, int result) {
+  throw FWEOperationFailed(kSource, line, std::string(operation),
+                           FWStringUtils::Printf("%s%d", prefix, result));
+}
+
+Bytef* ZBytes(char* p) { return reinterpret_cast<Bytef*>(p); }
+Bytef* ZBytes(const char* p) { return reinterpret_cast<Bytef*>(const_cast<char*>(p)); }
+
+// Hands zlib the next piece of input once it has used up the last one; returns false when no
+// input is left.
+bool FeedInput(z_stream& z, std::string_view input, std::size_t& in_pos) {
+  if (z.avail_in != 0) return true;
+  if (in_pos == input.size()) return false;
+  const std::size_t piece = std::min(input.size() - in_pos, kMaxPiece);
+  z.next_in = ZBytes(input.data() + in_pos);
+  z.avail_in = static_cast<uInt>(piece);
+  in_pos += piece;
+  return true;
+}
+
+// Points zlib at the free end of out, growing it (at most to cap bytes) when it is full. Returns
+// the room given.
+std::size_t ProvideOutput(z_stream& z, std::string& out, std::size_t out_pos, std::size_t cap) {
+  if (out_pos == out.size()) out.resize(std::min(cap, std::max(kChunk, out.size() * 2)));
+  const std::size_t room = std::min(out.size() - out_pos, kMaxPiece);
+  z.next_out = ZBytes(out.data() + out_pos);
+  z.avail_out = static_cast<uInt>(room);
+  return room;
+}
+
+// Owns a deflate stream; End() reports deflateEnd's result, the destructor only releases.
+class DeflateStream {
+ public:
+  DeflateStream() {
+    const int result = deflateInit(&z_, kLevel);
+    if (result != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflateInit: ", result);
+  }
+  ~DeflateStream() {
+    if (open_) deflateEnd(&z_);
+  }
+  DeflateStream(const DeflateStream&) = delete;
+  DeflateStream& operator=(const DeflateStream&) = delete;
+
+  // All of input as compressed data, ended by a sync flush point and then the final block.
+  std::string Compress(std::string_view input);
+
+  void End() {
+    open_ = false;
+    const int result = deflateEnd(&z_);
+    if (result != Z_OK) ThrowZlib(__LINE__, kCleanupOperation, "deflateEnd: ", result);
+  }
+
+ private:
+  z_stream z_{};
+  bool open_ = true;
+};
+
+std::string DeflateStream::Compress(std::string_view input) {
+  // Room for the whole stream in most cases: the bound plus the sync flush marker.
+  std::string out(deflateBound(&z_, input.size()) + 16, '\0');
+  std::size_t in_pos = 0;
+  std::size_t out_pos = 0;
+  int flush = Z_NO_FLUSH;
+  for (;;) {
+    if (flush != Z_FINISH) {
+      const bool more_pieces = FeedInput(z_, input, in_pos) && in_pos < input.size();
+      flush = more_pieces ? Z_NO_FLUSH : Z_SYNC_FLUSH;
+    }
+    const std::size_t room =
+        ProvideOutput(z_, out, out_pos, std::numeric_limits<std::size_t>::max());
+    const int result = deflate(&z_, flush);
+    out_pos += room - z_.avail_out;
+    if (result == Z_STREAM_END) break;
+    if (result != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflate: ", result);
+    // A sync flush is complete when it returns with output room to spare.
+    if (flush == Z_SYNC_FLUSH && z_.avail_in == 0 && z_.avail_out != 0) flush = Z_FINISH;
+  }
+  out.resize(out_pos);
+  return out;
+}
+
+// Owns an inflate stream; End() reports inflateEnd's result, the destructor only releases.
+class InflateStream {
+ public:
+  InflateStream() {
+    const int result = inflateInit(&z_);
+    if (result != Z_OK) ThrowZlib(__LINE__, kInflateOperation, "inflateInit: ", result);
+  }
+  ~InflateStream() {
+    if (open_) inflateEnd(&z_);
+  }
+  InflateStream(const InflateStream&) = delete;
+  InflateStream& operator=(const InflateStream&) = delete;
+
+  // Decompresses input into *out; false as soon as the output exceeds max_output bytes.
+  bool Decompress(std::string_view input, std::size_t max_output, std::string* out);
+
+  void End() {
+    open_ = false;
+    const int result = inflateEnd(&z_);
+    if (result != Z_OK) ThrowZlib(__LINE__, kCleanupOperation, "inflateEnd: ", result);
+  }
+
+ private:
+  z_stream z_{};
+  bool open_ = true;
+};
+
+bool InflateStream::Decompress(std::string_view input, std::size_t max_output, std::string* out) {
+  // One byte past the limit is room enough to notice that the limit is passed.
+  const std::size_t cap =
+      max_output == std::numeric_limits<std::size_t>::max() ? max_output : max_output + 1;
+  std::size_t in_pos = 0;
+  std::size_t out_pos = 0;
+  for (;;) {
+    const bool input_left = FeedInput(z_, input, in_pos);
+    const std::size_t room = ProvideOutput(z_, *out, out_pos, cap);
+    const int result = inflate(&z_, Z_SYNC_FLUSH);
+    out_pos += room - z_.avail_out;
+    if (out_pos > max_output) return false;
+    if (result == Z_STREAM_END) break;
+    // The input ended before the stream did: what was decoded is the message.
+    if (result == Z_BUF_ERROR && !input_left) break;
+    if (result != Z_OK) ThrowZlib(__LINE__, kInflateOperation, "inflate: ", result);
+  }
+  out->resize(out_pos);
+  return true;
+}
+
+// One complete zlib stream for non-empty input; nothing for empty input.
+std::string Compressed(std::string_view input) {
+  DeflateStream stream;
+  std::string compressed = input.empty() ? std::string() : stream.Compress(input);
+  stream.End();
+  return compressed;
+}
+
+std::uint32_t ReadBigEndian(const char* p) {
+  const auto byte = [p](int i) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(p[i]));
+  };
+  return byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+}
+
+bool IsSyncMarker(const char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 0; }
+
+}  // namespace
+
+FWFeedCodec::FWFeedCodec(std::size_t frame_limit, std::size_t message_limit)
+    : cipher_(kFeedKey), frame_limit_(frame_limit), message_limit_(message_limit) {}
+
+std::string FWFeedCodec::Frame(const std::string& message) const {
+  std::string body = Compressed(message);
+  if (body.size() > std::numeric_limits<std::uint32_t>::max()) {
+    throw FWESizeExceeded(kSource, __LINE__, std::string("frame over 4294967295 bytes"));
+  }
+  const auto length = static_cast<std::uint32_t>(body.size());
+  cipher_.Encrypt(body);
+  std::string frame;
+  frame.reserve(kHeaderSize + body.size());
+  frame.append(4, '\0');
+  for (int shift = 24; shift >= 0; shift -= 8) frame.push_back(static_cast<char>(length >> shift));
+  frame += body;
+  return frame;
+}
+
+void FWFeedCodec::Append(std::string_view bytes) {
+  if (failure_ != Result::kNeedMore) return;
+  buffer_.append(bytes);
+}
+
+FWFeedCodec::Result FWFeedCodec::Next(std::string* message) {
+  if (failure_ != Result::kNeedMore) return failure_;
+  const std::size_t available = buffer_.size() - read_pos_;
+  if (available < kHeaderSize) {
+    Compact();
+    return Result::kNeedMore;
+  }
+  const char* const header = buffer_.data() + read_pos_;
+  if (!IsSyncMarker(header)) return Fail(Result::kLostSync);
+  const std::uint32_t length = ReadBigEndian(header + 4);
+  if (length > frame_limit_) return Fail(Result::kFrameTooLarge);
+  const std::uint64_t padded = (std::uint64_t{length} + 7) / 8 * 8;
+  if (available - kHeaderSize < padded) {
+    Compact();
+    return Result::kNeedMore;
+  }
+  std::string body = buffer_.substr(read_pos_ + kHeaderSize, padded);
+  read_pos_ += kHeaderSize + padded;
+  cipher_.Decrypt(body, length);
+  if (!InflateWithin(body, message_limit_)) return Fail(Result::kMessageTooLarge);
+  *message = std::move(body);
+  return Result::kMessage;
+}
+
+void FWFeedCodec::Clear() {
+  std::string().swap(buffer_);
+  read_pos_ = 0;
+  failure_ = Result::kNeedMore;
+}
+
+FWFeedCodec::Result FWFeedCodec::Fail(Result result) {
+  Clear();
+  failure_ = result;
+  return result;
+}
+
+void FWFeedCodec::Compact() {
+  buffer_.erase(0, read_pos_);
+  read_pos_ = 0;
+  if (buffer_.empty() && buffer_.capacity() > kKeptCapacity) std::string().swap(buffer_);
+}
+
+void FWFeedCodec::Deflate(std::string& data) { data = Compressed(data); }
+
+void FWFeedCodec::Inflate(std::string& data, std::size_t max_output) {
+  if (!InflateWithin(data, max_output)) {
+    throw FWESizeExceeded(kSource, __LINE__,
+                          FWStringUtils::Printf("inflated message over %zu bytes", max_output));
+  }
+}
+
+bool FWFeedCodec::InflateWithin(std::string& data, std::size_t max_output) {
+  InflateStream stream;
+  std::string text;
+  if (!data.empty() && !stream.Decompress(data, max_output, &text)) return false;
+  stream.End();
+  data = std::move(text);
+  return true;
+}
