@@ -1,16 +1,29 @@
 #include "ProxyPort.h"
 
+#include <netinet/in.h>
+
+#include <string>
+
+#include "FWException.h"
+#include "FWLogStream.h"
+#include "FWProduct.h"
 #include "FWPublishSubscribe.h"
+#include "FWSocket.h"
+#include "ProxySession.h"
 
 namespace {
 
 constexpr unsigned kGetClassLine = 155;
+// The backlog of a port whose IncomingConnectionCount is null when it opens.
+constexpr int kDefaultBacklog = 5;
 
 }  // namespace
 
 ProxyPort::ProxyPort() { Initialize(); }
 
 ProxyPort::ProxyPort(const ProxyPort& other) : FWObject(other) { Copy(other); }
+
+ProxyPort::~ProxyPort() { ReleaseRunTimeState(); }
 
 void ProxyPort::Assign(const FWObject* other) {
   operator=(CastOrThrow<ProxyPort>(other, "ProxyPort"));
@@ -35,6 +48,50 @@ const FWClass* ProxyPort::GetClass() const {
 void ProxyPort::Validate(std::list<FWNotification>& notifications) const {
   FWObject::Validate(notifications);
   if (incoming_port_.empty()) notifications.push_back(FWMValueRequired("Port"));
+}
+
+void ProxyPort::Close() { ReleaseRunTimeState(); }
+
+void ProxyPort::Open() {
+  const std::string address_text =
+      (incoming_server_.empty() ? std::string("<all interfaces>") : incoming_server_) + ":" +
+      incoming_port_;
+  if (incoming_connection_count_.IsNull()) incoming_connection_count_.Set(kDefaultBacklog);
+  try {
+    const FWSocketManager& sockets = FWSocketManager::GetInstance();
+    sockaddr_in address{};
+    sockets.AddressCreate(address, incoming_server_, incoming_port_, "tcp");
+    listening_socket_ = sockets.CreateSocket("tcp");
+    sockets.SetBlocking(listening_socket_, true);
+    sockets.Bind(listening_socket_, address);
+    sockets.Listen(listening_socket_, static_cast<unsigned>(incoming_connection_count_.Get()));
+    LogStream.Log(FWProduct::GetDisplayName() + " listening on " + address_text);
+  } catch (...) {
+    Close();
+    throw;
+  }
+}
+
+void ProxyPort::UpdateAddressLists() {}
+
+ProxySession* ProxyPort::SessionOpen(int number) {
+  ProxySession* session = SessionCreate(number);
+  sessions_.push_back(session);
+  try {
+    session->Open(listening_socket_);
+  } catch (const FWException& e) {
+    LogStream.Log(e.GetText() + " - closing session", session->GetLogPrefix());
+    session->Close();
+  }
+  return session;
+}
+
+void ProxyPort::ReleaseRunTimeState() {
+  for (ProxySession* session : sessions_) delete session;
+  sessions_.clear();
+  if (listening_socket_ == 0) return;
+  FWSocketManager::GetInstance().CloseSocket(listening_socket_);
+  listening_socket_ = 0;
 }
 
 ProxyPort& ProxyPort::operator=(const ProxyPort& other) {
@@ -79,4 +136,5 @@ void ProxyPort::Initialize() {
   outgoing_port_.Clear();
   outgoing_server_.Clear();
   outgoing_timeout_.Clear();
+  listening_socket_ = 0;
 }

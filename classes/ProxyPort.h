@@ -2,9 +2,10 @@
 // how many sessions it holds, and the settings its sessions use. Abstract: each concrete port
 // creates its own kind of session (SessionCreate).
 //
-// This unit holds the configuration side only: members, defaults, accessors and validation.
-// Opening the listening socket (Open, Close), the sessions it owns and SessionOpen belong to the
-// run-time side of the port and are added with the event loop.
+// Two sides: the configuration (members, defaults, accessors, validation), which copying,
+// comparison and the configuration file see; and the run-time state (the listening socket and the
+// sessions accepted on it), which only Open, Close, SessionOpen and the session manager's loop
+// touch. Copying a port copies its configuration only, never its socket or sessions.
 #ifndef NORVANE_CLASSES_PROXYPORT_H_
 #define NORVANE_CLASSES_PROXYPORT_H_
 
@@ -15,11 +16,19 @@
 
 class ProxySession;
 
+// Main thread only.
 class ProxyPort : public FWObject {
  public:
+  // The sessions accepted on the port, in accept order. The port owns every session in the list:
+  // Close and the destructor delete them; the session manager deletes and removes a session that
+  // is no longer open when it reaps it.
+  using SessionList = std::list<ProxySession*>;
+
   ProxyPort();
+  // Copies the configuration; the copy is closed and has no sessions.
   ProxyPort(const ProxyPort& other);
-  ~ProxyPort() override = default;
+  // Deletes the sessions and closes the listening socket, as ProxyPort::Close does.
+  ~ProxyPort() override;
 
   // ProxyPort is abstract, so New() and Clone() are left to the concrete ports.
   ProxyPort* New() const override = 0;
@@ -28,7 +37,8 @@ class ProxyPort : public FWObject {
   bool IsEqual(const FWObject* other) const override;
   const FWObject* Cast(const FWObject* object) const override;
   FWObject* Cast(FWObject* object) const override;
-  // The port owns no objects yet (its sessions come with the run-time side): nothing to release.
+  // The port has no owned configuration objects; its sessions are run-time state, released by
+  // Close and the destructor, not by Clear.
   void Clear() override;
   // The registry's "ProxyPort" record; throws FWEAssertionFailed("Class")
   // ("classes/ProxyPort", 155) if it is missing.
@@ -36,14 +46,37 @@ class ProxyPort : public FWObject {
   // Appends "Port must not be empty" when IncomingPort is empty. Addresses and names are not
   // compared with those of other ports.
   void Validate(std::list<FWNotification>& notifications) const override;
-
-  // A new session of the port's own kind for the given session number; the port owns it.
+  // Deletes every session, empties the list, and closes the listening socket if one is open.
+  virtual void Close();
+  // Binds IncomingServer:IncomingPort (empty server: all interfaces), listens with
+  // IncomingConnectionCount as backlog (null: 5, which is stored), and logs the display name,
+  // " listening on " and the address ("<all interfaces>" for an empty server). Call it on a
+  // closed port. On any failure it calls Close() and rethrows: FWESocketError from the socket
+  // manager ("(bind) Address already in use", ...).
+  virtual void Open();
+  // Nothing to update in this class.
+  virtual void UpdateAddressLists();
+  // A new session of the port's own kind for the given session number; the caller (SessionOpen)
+  // puts it into the port's list, which then owns it.
   virtual ProxySession* SessionCreate(int number) = 0;
+
+  // Called when the listening socket is readable: creates the session, appends it to the list and
+  // calls its Open, which accepts the connection. An FWException from Open is logged as
+  // "<text> - closing session" under the session's prefix and the session is closed; it stays in
+  // the list until the manager reaps it. Exceptions from SessionCreate propagate. Returns the
+  // session, which the port owns.
+  ProxySession* SessionOpen(int number);
+  const SessionList& GetSessions() const { return sessions_; }
+  // For the session manager, which reaps closed sessions: it deletes what it removes.
+  SessionList& GetSessions() { return sessions_; }
+  // The listening socket; 0 while the port is closed.
+  int GetListeningSocket() const { return listening_socket_; }
 
   ProxyPort& operator=(const ProxyPort& other);
   bool operator==(const ProxyPort& other) const;
   void Copy(const ProxyPort& other);
-  // IncomingConnectionCount 20, KeepAliveTimeout 40, OutgoingConnectionCount 1000, the rest null.
+  // IncomingConnectionCount 20, KeepAliveTimeout 40, OutgoingConnectionCount 1000, the rest null;
+  // no listening socket.
   void Initialize();
 
   // Listen backlog.
@@ -77,6 +110,9 @@ class ProxyPort : public FWObject {
   void SetOutgoingTimeout(const FWVariable<int>& value) { outgoing_timeout_ = value; }
 
  private:
+  // Deletes the sessions and closes the socket; no virtual call, never throws.
+  void ReleaseRunTimeState();
+
   FWVariable<int> incoming_connection_count_;
   FWString incoming_port_;
   FWString incoming_server_;
@@ -87,6 +123,9 @@ class ProxyPort : public FWObject {
   FWString outgoing_port_;
   FWString outgoing_server_;
   FWVariable<int> outgoing_timeout_;
+
+  int listening_socket_ = 0;
+  SessionList sessions_;
 };
 
 #endif  // NORVANE_CLASSES_PROXYPORT_H_

@@ -1,14 +1,42 @@
 #include "SessionManager.h"
 
+#include <sys/select.h>
+#include <sys/time.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <memory>
 #include <typeinfo>
+#include <vector>
 
+#include "FWCounter.h"
+#include "FWException.h"
+#include "FWFile.h"
+#include "FWIniParser.h"
+#include "FWLogStream.h"
+#include "FWMIMEParser.h"
+#include "FWProduct.h"
+#include "FWSocket.h"
+#include "FWStringUtils.h"
+#include "FWThread.h"
+#include "MonitoringPort.h"
 #include "ProxyPort.h"
+#include "ProxySession.h"
 
 namespace {
 
 constexpr unsigned kGetClassLine = 185;
+constexpr unsigned kSelectLine = 411;
+// Each pass waits at most this long for readiness (or sleeps it when there are no ports).
+constexpr long kPassTimeoutMicroseconds = 500000;
+constexpr unsigned long kPassTimeoutMs = 500;
+// One select set holds 1024 descriptors; three are the standard ones. Each session may hold two.
+constexpr int kSelectableDescriptors = 1021;
+constexpr int kThreadStopTries = 10;
+constexpr unsigned long kThreadStopPauseMs = 500;
+// Days from 30 December 1899 to 1 January 1970.
+constexpr long kDayNumberOf1970 = 25569;
 
 bool SamePort(const ProxyPort* left, const ProxyPort* right) {
   return typeid(*left) == typeid(*right) && left->IsEqual(right);
@@ -16,11 +44,24 @@ bool SamePort(const ProxyPort* left, const ProxyPort* right) {
 
 }  // namespace
 
-SessionManager::SessionManager() { Initialize(); }
+SessionManager::SessionManager()
+    : update_url_(FWProduct::GetUpdateURL()), update_timeout_(FWProduct::kUpdateTimeout) {
+  Initialize();
+}
 
-SessionManager::SessionManager(const SessionManager& other) : FWObject(other) { Copy(other); }
+SessionManager::SessionManager(const SessionManager& other)
+    : FWObject(other),
+      FWSubscriber(),
+      update_url_(other.update_url_),
+      update_timeout_(other.update_timeout_) {
+  Copy(other);
+}
 
-SessionManager::~SessionManager() { DeletePorts(); }
+SessionManager::~SessionManager() {
+  // The worker calls into this object: end it before any member goes.
+  thread_.reset();
+  DeletePorts();
+}
 
 SessionManager* SessionManager::New() const { return new SessionManager(); }
 
@@ -87,6 +128,8 @@ void SessionManager::Copy(const SessionManager& other) {
 void SessionManager::Initialize() {
   max_log_file_days_ = FWVariable<int>(1);
   max_log_file_size_.Clear();
+  initialized_ = false;
+  thread_.reset();
 }
 
 bool SessionManager::IsAddressInUse(const ProxyPort* port) const {
@@ -114,4 +157,323 @@ bool SessionManager::IsPortNameUnique(const ProxyPort* port) const {
 void SessionManager::DeletePorts() {
   for (ProxyPort* port : ports_) delete port;
   ports_.clear();
+}
+
+void SessionManager::SetUpdateCheck(const std::string& url, std::chrono::milliseconds timeout) {
+  update_url_ = url;
+  update_timeout_ = timeout;
+}
+
+// ---- Start-up and shutdown ----
+
+void SessionManager::Init() {
+  if (initialized_) return;
+  initialized_ = true;
+  if (!max_log_file_days_.IsNull()) LogStream.SetMaxDays(max_log_file_days_.Get());
+  if (!max_log_file_size_.IsNull()) LogStream.SetMaxSize(max_log_file_size_.Get());
+  LogBanner();
+  LogConfiguration();
+  ResetSessionNumbers();
+  for (ProxyPort* port : ports_) port->Open();
+  LoadStatisticsFile();
+  ThreadStart();
+}
+
+void SessionManager::LogBanner() const {
+  const std::string rule(60, '-');
+  LogStream.Log(rule);
+  LogStream.Log(FWStringUtils::Printf("%s starting ...", FWProduct::GetDisplayName().c_str()));
+  LogStream.Log(rule);
+  const std::time_t built = FWProduct::GetBuildTime();
+  std::tm fields{};
+  char date[64] = "";
+  if (localtime_r(&built, &fields) != nullptr) {
+    std::strftime(date, sizeof(date), "%b %d, %Y", &fields);
+  }
+  LogStream.Log(std::string("Version Build Date: ") + date);
+  LogStream.Log("Current Date: " + FWMIMEParser::MIMETime());
+  LogStream.Log("OS version: " + FWProduct::GetOSVersion());
+  LogStream.Log(
+      FWStringUtils::Printf("Physical Memory: %dMB", static_cast<int>(FWProduct::GetMemoryMB())));
+  LogStream.Log("Directory for temporary files: " + FWFileName::GetTmpDirectory());
+}
+
+void SessionManager::LogConfiguration() const {
+  FWIniParser parser("1.0", false);
+  std::string text;
+  parser.GenerateFromObject(*this, text, false);
+  LogStream.Log("Configuration:");
+  LogStream.Log(text, "    ");
+}
+
+void SessionManager::ResetSessionNumbers() {
+  used_numbers_.clear();
+  free_numbers_.clear();
+  const int pool = (kSelectableDescriptors - static_cast<int>(ports_.size())) / 2;
+  for (int number = 0; number < pool; ++number) {
+    free_numbers_.insert(free_numbers_.end(), static_cast<unsigned int>(number));
+  }
+}
+
+void SessionManager::Exit() {
+  if (!initialized_) return;
+  initialized_ = false;
+  try {
+    LogStream.Log(FWStringUtils::Printf("%s shutting down", FWProduct::GetDisplayName().c_str()));
+    SaveStatisticsFile(TodayNumber());
+    ThreadStop();
+    for (ProxyPort* port : ports_) port->Close();
+  } catch (...) {
+    // Whatever failed, the daemon still goes down; the steps after the failing one are skipped.
+    LogStream.Log(FWNotification("Shutdown incomplete", 0, FWNotification::kWarning));
+  }
+}
+
+// Days since 30 December 1899, local time. gmtime never reports daylight-saving time, so the
+// hour it would add is never added; the formula is kept as the daemon has always had it.
+unsigned int SessionManager::TodayNumber() {
+  tzset();
+  const std::time_t now = std::time(nullptr);
+  std::tm fields{};
+  const bool dst = gmtime_r(&now, &fields) != nullptr && fields.tm_isdst > 0;
+  const long seconds = static_cast<long>(now) - timezone + (dst ? 3600 : 0);
+  return static_cast<unsigned int>(seconds / 86400 + kDayNumberOf1970);
+}
+
+void SessionManager::LoadStatisticsFile() {}
+
+void SessionManager::SaveStatisticsFile(unsigned int /*day*/) {}
+
+// ---- One pass of the loop ----
+
+SessionManager::PassSets::PassSets() {
+  FD_ZERO(&read);
+  FD_ZERO(&write);
+  FD_ZERO(&except);
+}
+
+// Descriptors at or above FD_SETSIZE cannot be polled; the session-number pool keeps the daemon's
+// own descriptors below it.
+void SessionManager::PassSets::Add(int fd, fd_set& set) {
+  if (fd <= 0 || fd >= FD_SETSIZE) return;
+  FD_SET(fd, &set);
+  highest = std::max(highest, fd);
+}
+
+bool SessionManager::PassSets::Has(int fd, const fd_set& set) {
+  return fd > 0 && fd < FD_SETSIZE && FD_ISSET(fd, &set);
+}
+
+void SessionManager::Select() {
+  PassSets sets = ReapAndCollectSockets();  // closed sessions go first
+  int ready = WaitForReadiness(sets);       // one select(); EINTR counts as nothing ready
+  if (thread_) ThreadCheck();
+  const bool new_second = TickClock();     // per-second work follows the clock
+  ServeSessions(sets, ready, new_second);  // a session's exception ends only that session
+  AcceptConnections(sets, ready);          // starts at the next port in rotation
+}
+
+SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
+  PassSets sets;
+  for (ProxyPort* port : ports_) {
+    CollectSessions(*port, sets);
+    if (IsListenerPolled(*port)) sets.Add(port->GetListeningSocket(), sets.read);
+    Counter.Set(port->GetName() + "_Active", static_cast<uint32_t>(port->GetSessions().size()));
+  }
+  Counter.Set("InternalSessionManagerIdle", used_numbers_.empty() ? 1 : 0);
+  return sets;
+}
+
+// Reaps the sessions that are no longer open (their numbers go back to the pool) and adds the
+// sockets of the others.
+void SessionManager::CollectSessions(ProxyPort& port, PassSets& sets) {
+  ProxyPort::SessionList& sessions = port.GetSessions();
+  for (auto it = sessions.begin(); it != sessions.end();) {
+    ProxySession* session = *it;
+    if (!session->IsOpen()) {
+      used_numbers_.erase(session->GetNumber());
+      free_numbers_.insert(session->GetNumber());
+      delete session;
+      it = sessions.erase(it);
+      continue;
+    }
+    if (session->ReadyToReceiveIncoming()) sets.Add(session->GetIncomingSocket(), sets.read);
+    if (!session->GetIncomingBuffer().empty()) sets.Add(session->GetIncomingSocket(), sets.write);
+    if (session->ReadyToReceiveOutgoing()) sets.Add(session->GetOutgoingSocket(), sets.read);
+    if (!session->GetOutgoingBuffer().empty()) sets.Add(session->GetOutgoingSocket(), sets.write);
+    ++it;
+  }
+}
+
+// While the port holds OutgoingConnectionCount sessions, or no number is free, new connections
+// wait in the kernel's backlog.
+bool SessionManager::IsListenerPolled(const ProxyPort& port) const {
+  if (free_numbers_.empty() || port.GetListeningSocket() == 0) return false;
+  const FWVariable<int> limit = port.GetOutgoingConnectionCount();
+  if (limit.IsNull()) return true;
+  return static_cast<long>(port.GetSessions().size()) < static_cast<long>(limit.Get());
+}
+
+int SessionManager::WaitForReadiness(PassSets& sets) const {
+  if (ports_.empty()) {
+    FWThread::Sleep(kPassTimeoutMs);
+    return 0;
+  }
+  timeval timeout{0, kPassTimeoutMicroseconds};
+  const int ready = ::select(sets.highest + 1, &sets.read, &sets.write, &sets.except, &timeout);
+  if (ready >= 0) return ready;
+  if (errno != EINTR) {
+    throw FWESocketError("classes/SessionManager", kSelectLine, "select",
+                         FWSocketManager::GetInstance().SocketError());
+  }
+  // After a failed select the sets still hold what was asked for, not what is ready.
+  FD_ZERO(&sets.read);
+  FD_ZERO(&sets.write);
+  return 0;
+}
+
+bool SessionManager::TickClock() {
+  const std::time_t now = clock_ ? clock_() : std::time(nullptr);
+  if (now == last_second_) return false;
+  last_second_ = now;
+  return true;
+}
+
+void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_second) {
+  for (ProxyPort* port : ports_) {
+    const std::string name = port->GetName();
+    for (ProxySession* session : port->GetSessions()) {
+      try {
+        ServeTransfers(name, *session, sets, ready);
+        if (new_second) session->CheckActive();
+      } catch (const FWException& e) {
+        LogStream.Log(e.GetText(), session->GetLogPrefix());
+        session->Close();
+      }
+    }
+  }
+}
+
+// The socket is read again before each step: the step before may have closed the session.
+void SessionManager::ServeTransfers(const std::string& name, ProxySession& session,
+                                    const PassSets& sets, int& ready) {
+  if (ready == 0) return;
+  if (PassSets::Has(session.GetIncomingSocket(), sets.read)) {
+    Counter.Increment(name + "_ReceiveIncoming", static_cast<uint32_t>(session.ReceiveIncoming()));
+    --ready;
+  }
+  if (PassSets::Has(session.GetIncomingSocket(), sets.write)) {
+    Counter.Increment(name + "_SendIncoming", static_cast<uint32_t>(session.SendIncoming()));
+    --ready;
+  }
+  if (PassSets::Has(session.GetOutgoingSocket(), sets.read)) {
+    Counter.Increment(name + "_ReceiveOutgoing", static_cast<uint32_t>(session.ReceiveOutgoing()));
+    --ready;
+  }
+  if (PassSets::Has(session.GetOutgoingSocket(), sets.write)) {
+    Counter.Increment(name + "_SendOutgoing", static_cast<uint32_t>(session.SendOutgoing()));
+    --ready;
+  }
+  session.CheckFinished();
+}
+
+void SessionManager::AcceptConnections(const PassSets& sets, int& ready) {
+  if (ports_.empty() || ready == 0) return;
+  rotation_ = (rotation_ + 1) % static_cast<unsigned int>(ports_.size());
+  std::vector<ProxyPort*> order(ports_.begin(), ports_.end());
+  std::rotate(order.begin(), order.begin() + rotation_, order.end());
+  for (ProxyPort* port : order) {
+    if (ready == 0) return;
+    if (free_numbers_.empty() || port->GetListeningSocket() == 0) continue;
+    if (!PassSets::Has(port->GetListeningSocket(), sets.read)) continue;
+    port->SessionOpen(static_cast<int>(TakeNumber(*port)));
+    --ready;
+  }
+}
+
+// Monitoring sessions take numbers from the top of the pool, all others from the bottom.
+unsigned int SessionManager::TakeNumber(const ProxyPort& port) {
+  const bool from_top = dynamic_cast<const MonitoringPort*>(&port) != nullptr;
+  const auto it = from_top ? std::prev(free_numbers_.end()) : free_numbers_.begin();
+  const unsigned int number = *it;
+  free_numbers_.erase(it);
+  used_numbers_.insert(number);
+  return number;
+}
+
+// ---- The worker thread ----
+
+void SessionManager::ThreadStart() {
+  if (thread_) {
+    LogStream.Log(FWMOperationFailed("start thread", "thread is still running").GetText(),
+                  ThreadPrefix());
+    return;
+  }
+  {
+    const std::lock_guard<std::mutex> lock(thread_mutex_);
+    thread_prefix_.clear();
+  }
+  thread_ = std::make_unique<FWThread>();
+  thread_->Attach(this);
+  thread_->Run();
+}
+
+void SessionManager::ThreadCheck() {
+  if (!thread_) return;
+  if (thread_->IsSuspended()) {
+    std::string message;
+    {
+      const std::lock_guard<std::mutex> lock(thread_mutex_);
+      message.swap(thread_message_);
+    }
+    LogStream.Log(message, ThreadPrefix());
+    thread_->Resume();
+  }
+  if (thread_->IsFinished()) thread_.reset();
+}
+
+void SessionManager::ThreadStop() {
+  for (int attempt = 0; attempt < kThreadStopTries; ++attempt) {
+    ThreadCheck();
+    if (!thread_) return;
+    FWThread::Sleep(kThreadStopPauseMs);
+  }
+  LogStream.Log("killing thread", ThreadPrefix());
+  thread_.reset();
+}
+
+void SessionManager::NotificationReceive(const FWNotification& notification, FWPublisher* sender) {
+  if (notification.GetSeverity() == FWThread::kAnnouncementSeverity) {
+    if (notification.GetCode() == FWThread::kAnnounceMain) RunUpdateCheck(sender);
+    return;
+  }
+  HandOver(notification.GetText(), sender);
+}
+
+// On the worker thread. A failed check is reported once, like an update, through the message.
+void SessionManager::RunUpdateCheck(FWPublisher* sender) {
+  {
+    const std::lock_guard<std::mutex> lock(thread_mutex_);
+    thread_prefix_ = "Update check: ";
+  }
+  FWProduct product;
+  if (product.CheckForUpdate(update_url_, update_timeout_)) {
+    HandOver(product.GetUpdateMessage(), sender);
+  } else if (!product.GetUpdateFailure().empty()) {
+    HandOver(product.GetUpdateFailure(), sender);
+  }
+}
+
+// On the worker thread: leaves the message and waits until the main thread has logged it.
+void SessionManager::HandOver(const std::string& message, FWPublisher* sender) {
+  {
+    const std::lock_guard<std::mutex> lock(thread_mutex_);
+    thread_message_ = message;
+  }
+  if (auto* thread = dynamic_cast<FWThread*>(sender)) thread->Suspend();
+}
+
+std::string SessionManager::ThreadPrefix() const {
+  const std::lock_guard<std::mutex> lock(thread_mutex_);
+  return thread_prefix_;
 }

@@ -1,29 +1,44 @@
-// The root configuration object of the daemon: the log limits and the list of configured ports.
-//
-// This unit holds the configuration side only: members, defaults, accessors, validation and the
-// address and name checks over the ports. The run-time side (Init, Select, Exit, session numbers,
-// the worker thread and its notifications through FWSubscriber, the statistics file) is added with
-// the event loop.
+// The root configuration object of the daemon (the log limits and the list of configured ports)
+// and the owner of the event loop: Init opens the ports, each Select is one pass of the loop over
+// every listening and session socket, Exit closes the ports. A worker thread runs the update check
+// at start-up and hands its message to the loop.
 #ifndef NORVANE_CLASSES_SESSIONMANAGER_H_
 #define NORVANE_CLASSES_SESSIONMANAGER_H_
 
+#include <sys/select.h>
+
+#include <chrono>
+#include <ctime>
+#include <functional>
 #include <list>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
 
 #include "FWObject.h"
+#include "FWPublishSubscribe.h"
 #include "FWType.h"
 
+class FWThread;
 class ProxyPort;
+class ProxySession;
 
-class SessionManager final : public FWObject {
+// Init, Select, Exit and everything they touch belong to the main thread. The worker thread
+// calls NotificationReceive, which writes only the thread prefix and message (under
+// thread_mutex_) and then suspends the thread until ThreadCheck on the main thread has logged the
+// message and resumed it.
+class SessionManager final : public FWObject, public FWSubscriber {
  public:
   // The ports, in configuration order. The manager owns every port in the list: a pointer put
   // into it is deleted by the manager (Clear, destruction, assignment).
   using PortList = std::list<ProxyPort*>;
 
   SessionManager();
-  // Deep copy: the ports are cloned.
+  // Deep copy of the configuration: the ports are cloned (closed, without sessions). The run-time
+  // state starts afresh.
   SessionManager(const SessionManager& other);
-  // Deletes the ports.
+  // Kills a worker thread that still runs, then deletes the ports (which closes them).
   ~SessionManager() override;
 
   SessionManager* New() const override;
@@ -45,8 +60,52 @@ class SessionManager final : public FWObject {
   // Equal limits, and the same number of ports, pairwise of the same class and equal.
   bool operator==(const SessionManager& other) const;
   void Copy(const SessionManager& other);
-  // MaxLogFileDays 1, MaxLogFileSize null; the port list is left as it is.
+  // MaxLogFileDays 1, MaxLogFileSize null, not initialized, no thread; the port list is left as it
+  // is.
   void Initialize();
+
+  // Start-up, once per initialization (a second call does nothing): copies the log limits into
+  // LogStream, logs the banner, the system texts and the configuration, fills the session-number
+  // pool with (1021 - ports) / 2 numbers, opens every port (an exception from a port propagates)
+  // and starts the worker thread.
+  virtual void Init();
+  // One pass of the event loop; see the .cpp for its steps. Throws FWESocketError
+  // ("classes/SessionManager", 411, "select", ...) when select fails other than by EINTR, and
+  // lets through exceptions that are not FWExceptions. A session's FWException ends that session.
+  virtual void Select();
+  // Shutdown, once per initialization (does nothing before Init): logs "%s shutting down", stops
+  // the worker thread and closes every port. An exception in these steps skips the rest and is
+  // logged as the warning "Shutdown incomplete"; Exit itself never throws.
+  virtual void Exit();
+  // Runs on the worker thread: its start announcement (severity 6, code 0) runs the update check;
+  // other announcements are ignored; any other notification is handed over as the message.
+  void NotificationReceive(const FWNotification& notification, FWPublisher* sender) override;
+
+  // No statistics file is read or written; the operations are kept empty.
+  void LoadStatisticsFile();
+  void SaveStatisticsFile(unsigned int day);
+
+  // Starts the worker thread; if one exists, logs "Start thread operation failed (thread is still
+  // running)" under the thread prefix instead. Throws FWEOperationFailed when the thread cannot be
+  // created.
+  void ThreadStart();
+  // Logs and clears the message of a suspended worker and resumes it; destroys a finished worker.
+  void ThreadCheck();
+  // ThreadCheck up to 10 times, 500 ms apart, until the worker is gone; then logs "killing thread"
+  // under the thread prefix and kills it.
+  void ThreadStop();
+
+  // Where and how long the update check asks; the build's URL and 10 seconds unless set. An empty
+  // URL makes no check. Set before Init.
+  void SetUpdateCheck(const std::string& url, std::chrono::milliseconds timeout);
+  // The clock whose change between passes starts the per-second work; time() unless set.
+  void SetClock(std::function<std::time_t()> clock) { clock_ = std::move(clock); }
+
+  bool IsInitialized() const { return initialized_; }
+  const std::set<unsigned int>& GetFreeNumbers() const { return free_numbers_; }
+  const std::set<unsigned int>& GetUsedNumbers() const { return used_numbers_; }
+  // The worker thread; null when none exists.
+  const FWThread* GetThread() const { return thread_.get(); }
 
   // True when another port of the list (by identity) has the same IncomingPort text and either the
   // same IncomingServer text or an empty one on either side (all interfaces). False for null.
@@ -64,11 +123,63 @@ class SessionManager final : public FWObject {
   PortList& GetPorts() { return ports_; }
 
  private:
+  // The descriptor sets of one pass, rebuilt every pass: select() overwrites them.
+  struct PassSets {
+    PassSets();
+    void Add(int fd, fd_set& set);
+    static bool Has(int fd, const fd_set& set);
+
+    fd_set read;
+    fd_set write;
+    fd_set except;  // passed to select, never filled
+    int highest = -1;
+  };
+
   void DeletePorts();
+
+  // The steps of Init and Exit.
+  void LogBanner() const;
+  void LogConfiguration() const;
+  void ResetSessionNumbers();
+  static unsigned int TodayNumber();
+
+  // The steps of one Select pass, in order.
+  PassSets ReapAndCollectSockets();
+  int WaitForReadiness(PassSets& sets) const;
+  bool TickClock();
+  void ServeSessions(const PassSets& sets, int& ready, bool new_second);
+  void AcceptConnections(const PassSets& sets, int& ready);
+
+  void CollectSessions(ProxyPort& port, PassSets& sets);
+  bool IsListenerPolled(const ProxyPort& port) const;
+  static void ServeTransfers(const std::string& name, ProxySession& session, const PassSets& sets,
+                             int& ready);
+  unsigned int TakeNumber(const ProxyPort& port);
+
+  // The worker thread's side.
+  void RunUpdateCheck(FWPublisher* sender);
+  void HandOver(const std::string& message, FWPublisher* sender);
+  std::string ThreadPrefix() const;
 
   FWVariable<int> max_log_file_days_;
   FWVariable<int> max_log_file_size_;
   PortList ports_;
+
+  // Run-time state, main thread only.
+  bool initialized_ = false;
+  std::set<unsigned int> used_numbers_;
+  std::set<unsigned int> free_numbers_;
+  unsigned int rotation_ = 0;
+  std::time_t last_second_ = 0;
+  std::function<std::time_t()> clock_;
+  std::unique_ptr<FWThread> thread_;
+  // Set on the main thread before the worker starts; read by the worker.
+  std::string update_url_;
+  std::chrono::milliseconds update_timeout_;
+
+  mutable std::mutex thread_mutex_;
+  std::string thread_prefix_;   // protected by thread_mutex_
+  std::string thread_message_;  // protected by thread_mutex_
 };
 
 #endif  // NORVANE_CLASSES_SESSIONMANAGER_H_
