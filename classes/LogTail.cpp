@@ -1,0 +1,168 @@
+#include "LogTail.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "FWFile.h"
+#include "FWLogStream.h"
+#include "FWStringUtils.h"
+
+LogTail::FileHandle& LogTail::FileHandle::operator=(FileHandle&& other) noexcept {
+  if (this != &other) {
+    Reset();
+    fd_ = other.Release();
+  }
+  return *this;
+}
+
+int LogTail::FileHandle::Release() { return std::exchange(fd_, -1); }
+
+void LogTail::FileHandle::Reset() {
+  if (fd_ < 0) return;
+  // The file was only read: a failing close leaves nothing to undo.
+  (void)::close(fd_);
+  fd_ = -1;
+}
+
+LogTail::LogTail(std::string log_prefix) : log_prefix_(std::move(log_prefix)) {}
+
+void LogTail::Start(const std::string& path) {
+  Stop();
+  path_ = path;
+  started_ = true;
+  skip_to_end_ = true;
+}
+
+void LogTail::Stop() {
+  started_ = false;
+  skip_to_end_ = false;
+  file_.Reset();
+  offset_ = 0;
+}
+
+std::string LogTail::Poll() {
+  if (!started_) return "";
+  struct stat st;
+  const bool path_exists = ::stat(path_.c_str(), &st) == 0;
+  if (!path_exists) {
+    const int error = errno;
+    Log(FWStringUtils::Printf("can't stat file: %s (%s)", path_.c_str(),
+                              GetErrorMessage(error).c_str()));
+    // A file that appears later is new: it is sent from its first byte.
+    skip_to_end_ = false;
+  }
+  std::string raw;
+  std::size_t budget = kMaxPollBytes;
+  if (file_.IsOpen()) {
+    if (path_exists && st.st_dev == file_dev_ && st.st_ino == file_ino_) {
+      ReadSameFile(budget, raw);
+      return ToDos(raw);
+    }
+    budget -= DrainOldFile(budget, raw);
+    if (file_.IsOpen()) return ToDos(raw);
+  }
+  if (!path_exists || budget == 0 || !OpenCurrent()) return ToDos(raw);
+  if (skip_to_end_) {
+    skip_to_end_ = false;
+    struct stat opened;
+    if (::fstat(file_.Get(), &opened) == 0) offset_ = opened.st_size;
+    return "";
+  }
+  ReadSameFile(budget, raw);
+  return ToDos(raw);
+}
+
+std::size_t LogTail::ReadSameFile(std::size_t budget, std::string& raw) {
+  struct stat st;
+  if (::fstat(file_.Get(), &st) != 0) return 0;
+  if (st.st_size < offset_) offset_ = 0;
+  return ReadUpTo(st.st_size, budget, raw);
+}
+
+std::size_t LogTail::DrainOldFile(std::size_t budget, std::string& raw) {
+  struct stat st;
+  if (::fstat(file_.Get(), &st) != 0) {
+    file_.Reset();
+    return 0;
+  }
+  const std::size_t read = ReadUpTo(st.st_size, budget, raw);
+  // A deleted file is not kept open past this poll, even when part of it did not fit.
+  if (offset_ >= st.st_size || st.st_nlink == 0) file_.Reset();
+  return read;
+}
+
+// Reads exactly the range seen by the caller's fstat: bytes written meanwhile wait for the next
+// poll instead of being read twice.
+std::size_t LogTail::ReadUpTo(off_t end, std::size_t budget, std::string& raw) {
+  if (end <= offset_ || budget == 0) return 0;
+  const std::size_t want =
+      static_cast<std::size_t>(std::min<uintmax_t>(static_cast<uintmax_t>(end - offset_), budget));
+  const std::size_t start = raw.size();
+  raw.resize(start + want);
+  std::size_t got = 0;
+  while (got < want) {
+    const ssize_t n = ::pread(file_.Get(), raw.data() + start + got, want - got, offset_);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      LogReadError(errno);
+      break;
+    }
+    if (n == 0) break;  // The file shrank during the read.
+    got += static_cast<std::size_t>(n);
+    offset_ += n;
+  }
+  raw.resize(start + got);
+  return got;
+}
+
+// O_NONBLOCK keeps a FIFO in the path from blocking the service loop at open.
+bool LogTail::OpenCurrent() {
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return LogReadError(errno);
+  FileHandle file(fd);
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return LogReadError(errno);
+  if (S_ISDIR(st.st_mode)) return LogReadError(EISDIR);
+  file_ = std::move(file);
+  file_dev_ = st.st_dev;
+  file_ino_ = st.st_ino;
+  offset_ = 0;
+  return true;
+}
+
+bool LogTail::LogReadError(int error) const {
+  Log(FWStringUtils::Printf("can't read file: %s (%s)", path_.c_str(),
+                            GetErrorMessage(error).c_str()));
+  return false;
+}
+
+std::string LogTail::ToDos(const std::string& raw) {
+  std::string text;
+  text.reserve(raw.size() + raw.size() / 16);
+  bool after_cr = last_was_cr_;
+  for (const char c : raw) {
+    if (c == '\n' && !after_cr) text += '\r';
+    text += c;
+    after_cr = c == '\r';
+  }
+  if (!raw.empty()) last_was_cr_ = raw.back() == '\r';
+  return text;
+}
+
+std::vector<std::string> LogTail::SplitReplies(const std::string& data, std::size_t max) {
+  assert(max > 0 && "a reply holds at least one byte");
+  std::vector<std::string> replies;
+  for (std::size_t pos = 0; pos < data.size(); pos += max) replies.push_back(data.substr(pos, max));
+  return replies;
+}
+
+void LogTail::Log(const std::string& text) const { LogStream.Log(text, log_prefix_); }

@@ -1,0 +1,99 @@
+// Follows one growing log file for a feed session: after Start, each Poll returns what the file
+// gained since the previous poll, with line ends converted to "\r\n".
+#ifndef NORVANE_CLASSES_LOGTAIL_H_
+#define NORVANE_CLASSES_LOGTAIL_H_
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+// Every byte of the file is returned exactly once, in order. The file stays open between polls;
+// each poll stat's the path to notice rotation:
+// - the path names another file (renamed away and created anew): the rest of the old file is
+//   returned first, then the new file from its first byte;
+// - the same file shrank (truncated in place): it is returned again from its first byte;
+// - the path is missing: "can't stat file" is logged, the rest of the old file is returned and
+//   the file closed; when the path returns, the new file is returned whole.
+// A deleted file is closed by the poll that notices it; the part of it past that poll's byte
+// budget is then lost with the file. A file only renamed away stays open until it is drained.
+// Not thread-safe: used on the service thread only. Nothing is thrown; failures are logged.
+class LogTail final {
+ public:
+  // At most this many file bytes are read per poll; the rest follows at the next polls.
+  static constexpr std::size_t kMaxPollBytes = 4u << 20;
+  // The session sends one poll's data as replies of at most this many bytes each...
+  static constexpr std::size_t kMaxReplyBytes = 1u << 20;
+  // ...and skips the poll while more than this many bytes still wait to go to its client.
+  static constexpr std::size_t kMaxPendingBytes = 8u << 20;
+
+  // log_prefix is the source of the log lines ("Session 3: ").
+  explicit LogTail(std::string log_prefix);
+
+  // Begins transmitting path (closing a file still open). The first poll that opens the file only
+  // records where it ends; what is appended afterwards is returned. When a poll finds the path
+  // missing before that, the file is returned whole once it appears.
+  void Start(const std::string& path);
+  // Ends the transmission and closes the file.
+  void Stop();
+  // One poll; "" when stopped or nothing is new. Line ends: a "\n" not preceded by "\r" becomes
+  // "\r\n", also when the "\r" ended the data of an earlier poll.
+  std::string Poll();
+
+  bool IsStarted() const { return started_; }
+  const std::string& GetPath() const { return path_; }
+  // File bytes returned so far from the open file (its read position).
+  off_t GetOffset() const { return offset_; }
+
+  // Cuts data into consecutive pieces of at most max bytes (max > 0); none for "".
+  static std::vector<std::string> SplitReplies(const std::string& data, std::size_t max);
+
+ private:
+  // Owns one open descriptor: move-only, a move leaves the source at -1, closed once.
+  class FileHandle final {
+   public:
+    FileHandle() = default;
+    explicit FileHandle(int fd) : fd_(fd) {}
+    ~FileHandle() { Reset(); }
+    FileHandle(FileHandle&& other) noexcept : fd_(other.Release()) {}
+    FileHandle& operator=(FileHandle&& other) noexcept;
+    FileHandle(const FileHandle&) = delete;
+    FileHandle& operator=(const FileHandle&) = delete;
+
+    int Get() const { return fd_; }
+    bool IsOpen() const { return fd_ >= 0; }
+    int Release();
+    void Reset();
+
+   private:
+    int fd_ = -1;
+  };
+
+  // Reads the open file from offset_ up to end, at most budget bytes, into raw.
+  std::size_t ReadUpTo(off_t end, std::size_t budget, std::string& raw);
+  // Handles the path naming the open file: rereads from the start when it shrank.
+  std::size_t ReadSameFile(std::size_t budget, std::string& raw);
+  // Returns the rest of a file that the path no longer names; closes it once drained or deleted.
+  std::size_t DrainOldFile(std::size_t budget, std::string& raw);
+  // Opens the file the path names now; false (logged) when it cannot be read.
+  bool OpenCurrent();
+  // Logs "can't read file" with the path and the error's text; returns false.
+  bool LogReadError(int error) const;
+  std::string ToDos(const std::string& raw);
+  void Log(const std::string& text) const;
+
+  const std::string log_prefix_;
+  std::string path_;
+  bool started_ = false;
+  // The first poll after Start only records the end of the file.
+  bool skip_to_end_ = false;
+  FileHandle file_;
+  dev_t file_dev_ = 0;
+  ino_t file_ino_ = 0;
+  off_t offset_ = 0;
+  // The last byte returned was "\r", so a leading "\n" of the next data ends that line.
+  bool last_was_cr_ = false;
+};
+
+#endif  // NORVANE_CLASSES_LOGTAIL_H_

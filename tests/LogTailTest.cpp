@@ -1,0 +1,286 @@
+#include "LogTail.h"
+
+#include <limits.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FWLogStream.h"
+#include "TestUtil.h"
+
+namespace {
+
+constexpr std::size_t kMiB = 1u << 20;
+
+class LogTailTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    LogStream.ClearLogBuffer();
+    LogStream.SetBufferLimit(1 << 20);
+  }
+  void TearDown() override {
+    LogStream.SetBufferLimit(0);
+    LogStream.ClearLogBuffer();
+  }
+
+  void Append(const std::string& text) { testutil::WriteFile(path_, text, true); }
+  // Starts on path_ and runs the first poll, which only records where the file ends.
+  void StartAtEnd() {
+    tail_.Start(path_);
+    ASSERT_EQ("", tail_.Poll());
+  }
+
+  // The logged entries without their time stamps, from the source on.
+  static std::vector<std::string> Logged() {
+    std::vector<std::string> lines;
+    const std::string& buffer = LogStream.GetLogBuffer();
+    for (std::size_t pos = 0, end; (end = buffer.find('\n', pos)) != std::string::npos;
+         pos = end + 1) {
+      const std::string line = buffer.substr(pos, end - pos);
+      const std::size_t source = line.find("Session 1: ");
+      lines.push_back(source == std::string::npos ? line : line.substr(source));
+    }
+    return lines;
+  }
+
+  // Where this process's descriptors point ("/path (deleted)" for a deleted file).
+  static std::vector<std::string> OpenFileTargets() {
+    std::vector<std::string> targets;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      char target[PATH_MAX];
+      const ssize_t n = ::readlink(entry.path().c_str(), target, sizeof(target) - 1);
+      if (n > 0) targets.emplace_back(target, static_cast<std::size_t>(n));
+    }
+    return targets;
+  }
+  static int CountTargets(const std::string& target) {
+    int count = 0;
+    for (const std::string& t : OpenFileTargets()) count += t == target ? 1 : 0;
+    return count;
+  }
+
+  testutil::TempDir temp_;
+  const std::string path_ = temp_.File("app.log");
+  LogTail tail_{"Session 1: "};
+};
+
+TEST_F(LogTailTest, StartSendsNothingThenAppendsArriveExactlyOnceAtNextPoll) {
+  testutil::WriteFile(path_, "written before start\n");
+  StartAtEnd();
+  EXPECT_EQ("", tail_.Poll());
+  Append("first\nsecond\n");
+  EXPECT_EQ("first\r\nsecond\r\n", tail_.Poll());
+  EXPECT_EQ("", tail_.Poll());
+  Append("third\n");
+  EXPECT_EQ("third\r\n", tail_.Poll());
+  EXPECT_EQ(40, tail_.GetOffset());
+  EXPECT_EQ(std::vector<std::string>{}, Logged());
+}
+
+TEST_F(LogTailTest, StartOnEmptyFileSendsEverythingAppendedAfterward) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  Append("x\n");
+  EXPECT_EQ("x\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, StopSendsNothingAndClosesTheFileAndRestartSkipsToTheEnd) {
+  testutil::WriteFile(path_, "a\n");
+  StartAtEnd();
+  EXPECT_EQ(1, CountTargets(path_));
+  tail_.Stop();
+  EXPECT_EQ(0, CountTargets(path_));
+  Append("while stopped\n");
+  EXPECT_EQ("", tail_.Poll());
+  StartAtEnd();
+  Append("after restart\n");
+  EXPECT_EQ("after restart\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, LineEndsStayCorrectWhenLinesAreCompletedAtLaterPolls) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  Append("half a li");
+  EXPECT_EQ("half a li", tail_.Poll());
+  Append("ne\nCR at the end\r");
+  EXPECT_EQ("ne\r\nCR at the end\r", tail_.Poll());
+  Append("\nLF completes it");
+  EXPECT_EQ("\nLF completes it", tail_.Poll());
+  Append("\n\nblank above\r\n");
+  EXPECT_EQ("\r\n\r\nblank above\r\n", tail_.Poll());
+  Append("\nlone LF at the start");
+  EXPECT_EQ("\r\nlone LF at the start", tail_.Poll());
+  Append("\r\r\n");
+  EXPECT_EQ("\r\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, ZeroBytesAreSentAsTheyAre) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  Append(std::string("a\0b\n\0\0c\0", 9));
+  EXPECT_EQ(std::string("a\0b\r\n\0\0c\0", 10), tail_.Poll());
+}
+
+TEST_F(LogTailTest, TruncatedFileIsSentAgainFromItsStart) {
+  testutil::WriteFile(path_, "0123456789\n");
+  StartAtEnd();
+  Append("more\n");
+  EXPECT_EQ("more\r\n", tail_.Poll());
+  testutil::WriteFile(path_, "short\n");  // truncates in place, same inode
+  EXPECT_EQ("short\r\n", tail_.Poll());
+  Append("next\n");
+  EXPECT_EQ("next\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, RotationSendsRestOfOldFileThenNewFileEachLineOnce) {
+  testutil::WriteFile(path_, "before\n");
+  StartAtEnd();
+  Append("old 1\n");
+  EXPECT_EQ("old 1\r\n", tail_.Poll());
+  Append("old 2\nold 3\n");
+  ASSERT_EQ(0, std::rename(path_.c_str(), (path_ + ".1").c_str()));
+  testutil::WriteFile(path_, "new 1\nnew 2\n");
+  EXPECT_EQ("old 2\r\nold 3\r\nnew 1\r\nnew 2\r\n", tail_.Poll());
+  EXPECT_EQ("", tail_.Poll());
+  EXPECT_EQ(0, CountTargets(path_ + ".1"));
+  Append("new 3\n");
+  EXPECT_EQ("new 3\r\n", tail_.Poll());
+  EXPECT_EQ(std::vector<std::string>{}, Logged());
+}
+
+TEST_F(LogTailTest, NewFileLargerThanTheOldOffsetIsSentWhole) {
+  testutil::WriteFile(path_, "12345\n");
+  StartAtEnd();
+  ASSERT_EQ(6, tail_.GetOffset());
+  const std::string bigger(100, 'n');
+  ASSERT_EQ(0, std::rename(path_.c_str(), (path_ + ".1").c_str()));
+  testutil::WriteFile(path_, bigger);
+  EXPECT_EQ(bigger, tail_.Poll());
+  EXPECT_EQ(100, tail_.GetOffset());
+}
+
+TEST_F(LogTailTest, DeletedFileIsLoggedClosedAndSentWholeWhenItReturns) {
+  testutil::WriteFile(path_, "kept\n");
+  StartAtEnd();
+  ASSERT_EQ(1, CountTargets(path_));
+  Append("last words\n");
+  ASSERT_EQ(0, ::unlink(path_.c_str()));
+  EXPECT_EQ(1, CountTargets(path_ + " (deleted)"));
+  EXPECT_EQ("last words\r\n", tail_.Poll());
+  EXPECT_EQ(0, CountTargets(path_ + " (deleted)"));
+  EXPECT_EQ("", tail_.Poll());
+  const std::string line = "Session 1: Can't stat file: " + path_ + " (No such file or directory)";
+  EXPECT_EQ((std::vector<std::string>{line, line}), Logged());
+  testutil::WriteFile(path_, "reborn\n");
+  EXPECT_EQ("reborn\r\n", tail_.Poll());
+  EXPECT_EQ(2u, Logged().size());
+}
+
+TEST_F(LogTailTest, DeletedFileBeyondThePollBudgetIsStillClosedByThatPoll) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  Append(std::string(4 * kMiB + 1, 'd'));
+  ASSERT_EQ(0, ::unlink(path_.c_str()));
+  EXPECT_EQ(4 * kMiB, tail_.Poll().size());
+  EXPECT_EQ(0, CountTargets(path_ + " (deleted)"));
+  testutil::WriteFile(path_, "again\n");
+  EXPECT_EQ("again\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, FileMissingAtStartIsSentWholeWhenItAppears) {
+  tail_.Start(path_);
+  EXPECT_EQ("", tail_.Poll());
+  testutil::WriteFile(path_, "appeared\n");
+  EXPECT_EQ("appeared\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, RenamedAwayFileIsDrainedThenNewFileSentWhole) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  Append("tail of old\n");
+  ASSERT_EQ(0, std::rename(path_.c_str(), (path_ + ".1").c_str()));
+  EXPECT_EQ("tail of old\r\n", tail_.Poll());
+  EXPECT_EQ(0, CountTargets(path_ + ".1"));
+  testutil::WriteFile(path_, "fresh\n");
+  EXPECT_EQ("fresh\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, TwentyMiBAppendArrivesInFivePollsOfFourMiB) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  // One leading byte shifts the 16-byte lines so that the first 4 MiB end in "\r" and the next
+  // poll starts with its "\n"; every 7th line ends in a bare "\n".
+  std::string content = "x";
+  for (int i = 0; content.size() < 20 * kMiB; ++i) {
+    char line[32];
+    std::snprintf(line, sizeof(line), i % 7 == 6 ? "line%011d\n" : "line%010d\r\n", i);
+    content += line;
+  }
+  content.resize(20 * kMiB);
+  ASSERT_EQ('\r', content[4 * kMiB - 1]);
+  ASSERT_EQ('\n', content[4 * kMiB]);
+  Append(content);
+  std::string expected;
+  for (std::size_t i = 0; i < content.size(); ++i) {
+    if (content[i] == '\n' && (i == 0 || content[i - 1] != '\r')) expected += '\r';
+    expected += content[i];
+  }
+  std::string received;
+  for (int poll = 1; poll <= 5; ++poll) {
+    received += tail_.Poll();
+    EXPECT_EQ(static_cast<off_t>(poll * 4 * kMiB), tail_.GetOffset());
+  }
+  EXPECT_EQ("", tail_.Poll());
+  EXPECT_TRUE(received == expected)
+      << "received " << received.size() << " bytes, expected " << expected.size();
+  Append("!");
+  EXPECT_EQ("!", tail_.Poll());
+}
+
+TEST_F(LogTailTest, RotationSharesThePollBudgetWithoutLosingOrRepeatingBytes) {
+  testutil::WriteFile(path_, "");
+  StartAtEnd();
+  const std::string old_rest(3 * kMiB, 'o');
+  const std::string fresh(2 * kMiB, 'f');
+  Append(old_rest);
+  ASSERT_EQ(0, std::rename(path_.c_str(), (path_ + ".1").c_str()));
+  testutil::WriteFile(path_, fresh);
+  const std::string first = tail_.Poll();
+  EXPECT_EQ(4 * kMiB, first.size());
+  EXPECT_TRUE(first == old_rest + fresh.substr(0, kMiB));
+  EXPECT_EQ(static_cast<off_t>(kMiB), tail_.GetOffset());
+  EXPECT_TRUE(tail_.Poll() == fresh.substr(kMiB));
+  EXPECT_EQ("", tail_.Poll());
+}
+
+TEST_F(LogTailTest, PathThatIsADirectoryLogsCantReadFile) {
+  ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
+  tail_.Start(path_);
+  EXPECT_EQ("", tail_.Poll());
+  EXPECT_EQ(std::vector<std::string>{"Session 1: Can't read file: " + path_ + " (Is a directory)"},
+            Logged());
+  ASSERT_EQ(0, ::rmdir(path_.c_str()));
+  testutil::WriteFile(path_, "file now\n");
+  EXPECT_EQ("", tail_.Poll());  // the pending start still skips to the end
+  Append("appended\n");
+  EXPECT_EQ("appended\r\n", tail_.Poll());
+}
+
+TEST_F(LogTailTest, SplitRepliesCutsAtTheLimit) {
+  const std::string one_mib(kMiB, 'a');
+  EXPECT_EQ(std::vector<std::string>{}, LogTail::SplitReplies("", kMiB));
+  EXPECT_EQ(std::vector<std::string>{one_mib}, LogTail::SplitReplies(one_mib, kMiB));
+  const std::vector<std::string> parts = LogTail::SplitReplies(one_mib + one_mib + "z", kMiB);
+  ASSERT_EQ(3u, parts.size());
+  EXPECT_TRUE(parts[0] == one_mib && parts[1] == one_mib);
+  EXPECT_EQ("z", parts[2]);
+  EXPECT_EQ((std::vector<std::string>{"ab", "cd", "e"}), LogTail::SplitReplies("abcde", 2));
+}
+
+}  // namespace
