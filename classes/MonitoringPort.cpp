@@ -1,6 +1,7 @@
 #include "MonitoringPort.h"
 
 #include "FWPublishSubscribe.h"
+#include "MonitoringSession.h"
 
 namespace {
 
@@ -47,8 +48,8 @@ void MonitoringPort::Validate(std::list<FWNotification>& notifications) const {
   if (password_.empty()) notifications.push_front(FWMValueRequired("Password"));
 }
 
-ProxySession* MonitoringPort::SessionCreate(int /*number*/) {
-  throw FWEOperationNotAvailable(FW_HERE, std::string("SessionCreate"));
+ProxySession* MonitoringPort::SessionCreate(int number) {
+  return new MonitoringSession(number, this);
 }
 
 std::string MonitoringPort::GetStatusString() const { return ""; }

@@ -30,8 +30,7 @@ class MonitoringPort final : public ProxyPort {
   // SearchPattern, Password. The list thus reads Password, pattern, path, then ProxyPort's.
   // User is deliberately not checked.
   void Validate(std::list<FWNotification>& notifications) const override;
-  // Not available until the log-feed session exists: throws FWEOperationNotAvailable
-  // ("SessionCreate"). With that session it returns a new MonitoringSession(number, this).
+  // A new MonitoringSession(number, this) serving the log feed; the port owns it.
   ProxySession* SessionCreate(int number) override;
 
   // The port reports no status line of its own: always "".

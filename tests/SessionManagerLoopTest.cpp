@@ -29,6 +29,7 @@
 #include "FWSocket.h"
 #include "FWThread.h"
 #include "MonitoringPort.h"
+#include "MonitoringSession.h"
 #include "ProxyPort.h"
 #include "ProxySession.h"
 #include "SessionManager.h"
@@ -432,20 +433,22 @@ TEST_F(SessionManagerLoopTest, PlainPortsTakeTheSmallestNumberAndGetItBackAfterR
   EXPECT_EQ(manager_.GetFreeNumbers().size(), 507u);
 }
 
-// The monitoring port cannot create its session yet: the loop lets that failure through after
-// taking the number, which shows which number the port was given.
+// Monitoring sessions take their numbers from the top of the pool.
 TEST_F(SessionManagerLoopTest, MonitoringPortTakesTheLargestNumber) {
+  testutil::TempDir root;
   auto* port = new MonitoringPort();
   port->SetIncomingServer(FWString("127.0.0.1"));
   port->SetIncomingPort(FWString(FreePort()));
+  port->SetDocumentRoot(FWString(root.Path()));
   manager_.GetPorts().push_back(port);
   manager_.Init();
   EXPECT_EQ(manager_.GetFreeNumbers().size(), 510u);
   auto client = Peer::Connect(port->GetIncomingPort());
-  try {
-    PassUntil([&] { return !manager_.GetUsedNumbers().empty(); });
-  } catch (const FWEOperationNotAvailable&) {
-  }
+  ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
+  const ProxySession* session = port->GetSessions().front();
+  EXPECT_NE(dynamic_cast<const MonitoringSession*>(session), nullptr);
+  EXPECT_TRUE(session->IsOpen());
+  EXPECT_EQ(session->GetNumber(), 509u);
   EXPECT_EQ(manager_.GetUsedNumbers(), Numbers{509});
 }
 

@@ -1,0 +1,148 @@
+// One connection of the log feed. In the server role (opened on a listening socket) it greets the
+// client, lets it log in with the port's User and Password, lists the log files found under the
+// port's DocumentRoot, and after "start" sends what is appended to the chosen file, once per
+// second. In the client role (opened without a socket) it connects to the port's
+// OutgoingServer:OutgoingPort, sends commands with SendCommand and collects the data lines of the
+// other end's feed. Every message in either direction is one frame of the feed codec.
+#ifndef NORVANE_CLASSES_MONITORINGSESSION_H_
+#define NORVANE_CLASSES_MONITORINGSESSION_H_
+
+#include <cstddef>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "FWFeedCodec.h"
+#include "LogTail.h"
+#include "ProxySession.h"
+
+class MonitoringPort;
+
+// Main thread only (the session manager's loop); holds no lock.
+//
+// Input from a client is bounded: a frame longer than 1 MiB, a message inflating past 1 MiB, or
+// more than 64 KiB of command text without "\r\n" is logged ("frame too large", "message too
+// large", "line too long") and ends the session, as does a frame without its sync marker ("lost
+// sync reading from server"). A zlib failure throws FWEOperationFailed out of QueueOutgoing /
+// QueueIncoming; the loop then ends the session.
+//
+// Back-pressure: while more than LogTail::kMaxPendingBytes (8 MiB) of replies wait to be sent to
+// the client, the session neither polls its log file nor reads or handles further commands; both
+// resume once the client has read enough (commands already received are taken up again by
+// CheckActive).
+class MonitoringSession final : public ProxySession {
+ public:
+  // Server states.
+  static constexpr int kAwaitingLogin = 1;
+  static constexpr int kLoggedIn = 2;
+  static constexpr int kQuitting = 4;
+  // Client states.
+  static constexpr int kGreetingSeen = 2;
+  static constexpr int kAwaitingGreeting = 3;
+
+  // The most command text held without "\r\n".
+  static constexpr std::size_t kLineLimit = 64 * 1024;
+
+  // The port supplies the settings and is not owned; it must outlive the session.
+  MonitoringSession(int number, MonitoringPort* port);
+  ~MonitoringSession() override = default;
+
+  // Non-zero listening socket: server role (accepts, greets, collects the log files). Zero:
+  // client role (connects to the port's outgoing server; a failed connect closes the session).
+  // OpenIncoming's FWESocketError propagates to the port.
+  void Open(int listening) override;
+  // ProxySession::Close, then empties the texts and frame buffers and ClearData().
+  void Close() override;
+  // While open: takes up commands held back by back-pressure, then, while transmitting and not
+  // held back, polls the log file and sends its new data as replies of at most
+  // LogTail::kMaxReplyBytes (1 MiB) of text each.
+  void CheckActive() override;
+  std::size_t GetMemoryRequired() const override { return 0; }
+  // True while the client socket is open and the replies to it are not held back.
+  bool ReadyToReceiveIncoming() override;
+  bool ReadyToReceiveOutgoing() override { return GetOutgoingSocket() != 0; }
+  // True after "quit".
+  bool Finished() override { return server_state_ == kQuitting; }
+  // Client role: the server's frames. The flag is not used.
+  void QueueIncoming(const std::string& data, bool flag) override;
+  // Server role: the client's frames.
+  void QueueOutgoing(const std::string& data) override;
+
+  // Frames text towards the client (server role).
+  void SendReply(const std::string& text);
+  // Frames text towards the server (client role): "user name\r\n", "list\r\n", ...
+  void SendCommand(const std::string& text);
+  // Empties the received text, the log file list and the current file; stops transmitting.
+  void ClearData();
+
+  // Client role: the data lines received so far, each with its "\r\n".
+  const std::string& GetReceivedText() const { return received_text_; }
+  // Full path of the file being (or last) transmitted.
+  const std::string& GetCurrentFile() const { return current_file_; }
+  // Names relative to DocumentRoot, sorted by byte value; collected once at Open.
+  const std::vector<std::string>& GetLogFiles() const { return log_files_; }
+  int GetClientState() const { return client_state_; }
+  int GetServerState() const { return server_state_; }
+  bool IsTransmitting() const { return transmitting_; }
+  bool IsUserAccepted() const { return user_accepted_; }
+  // Time of the last "start" command; 0 before one.
+  std::time_t GetLastStartTime() const { return last_start_time_; }
+
+ private:
+  // Received text not yet split into lines. Lines are cut off the front without moving the rest,
+  // so a message of many short lines costs linear time.
+  class LineBuffer {
+   public:
+    void Append(const std::string& text);
+    // Cuts the next "\r\n"-terminated line (with its "\r\n") into *line; false when there is
+    // none. A line ended by a bare "\n" waits for a "\r\n".
+    bool CutLine(std::string* line);
+    std::size_t GetPendingSize() const { return text_.size() - pos_; }
+    void Clear();
+
+   private:
+    std::string text_;
+    std::size_t pos_ = 0;
+  };
+
+  void OpenServer(int listening);
+  void OpenClient();
+  void CollectLogfiles();
+
+  // Server role: takes frames and handles their lines until the input runs out, the session
+  // ends, or back-pressure holds it back.
+  void ServeCommands();
+  bool IsHeldBack() const;
+  void HandleCommand(const std::string& line);
+  void HandleLoggedIn(const std::string& line, const std::string& lower);
+  void HandleLogin(const std::string& line, const std::string& lower);
+  void HandleStart(const std::string& line);
+  void HandleList();
+
+  // Client role.
+  void HandleReply(const std::string& line);
+
+  // Logs the failure of a codec result under the session prefix and closes the session.
+  void Fail(FWFeedCodec::Result result);
+
+  MonitoringPort* const monitoring_port_;
+  std::string received_text_;
+  // Frames read from the client (server role, server limits) and from the server (client role,
+  // client limits). Each holds the keyed cipher and the bytes of an incomplete frame.
+  FWFeedCodec client_frames_;
+  FWFeedCodec server_frames_;
+  // Server role: deciphered, inflated text from the client not yet split into lines.
+  LineBuffer command_text_;
+  // Client role: the same for the server's replies.
+  LineBuffer reply_text_;
+  std::string current_file_;
+  LogTail tail_;
+  std::time_t last_start_time_ = 0;
+  int client_state_ = 0;
+  int server_state_ = 0;
+  bool transmitting_ = false;
+  std::vector<std::string> log_files_;
+  bool user_accepted_ = false;
+};
+
+#endif  // NORVANE_CLASSES_MONITORINGSESSION_H_

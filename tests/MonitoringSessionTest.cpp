@@ -1,0 +1,666 @@
+// The log feed session end to end: a monitoring port served by the real session manager loop,
+// driven pass by pass, and a test client on 127.0.0.1 that frames its commands and decodes the
+// replies with the feed codec, as a foreign client would.
+#include "MonitoringSession.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "FWBlowfish.h"
+#include "FWCounter.h"
+#include "FWFeedCodec.h"
+#include "FWLogStream.h"
+#include "FWSocket.h"
+#include "LogTail.h"
+#include "MonitoringPort.h"
+#include "SessionManager.h"
+#include "TestUtil.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using Lines = std::vector<std::string>;
+
+constexpr milliseconds kWait{20000};
+constexpr std::size_t kStampWidth = 23;  // "<22-character stamp> "
+constexpr std::size_t kMiB = 1024 * 1024;
+const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
+const std::string kPassword = "Kem01&*sB";
+
+std::string FreePort() { return std::to_string(testutil::LoopbackListener().Port()); }
+
+bool IsReadable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, 0) == 1;
+}
+
+// Text of exactly `size` bytes made of "user <blanks>\r\n" lines: each is a user command without
+// argument, which gets no reply, so the whole text is handled silently.
+std::string SilentText(std::size_t size) {
+  std::string line = "user" + std::string(994, ' ') + "\r\n";  // 1000 bytes
+  std::string text;
+  while (text.size() + line.size() <= size) text += line;
+  const std::size_t rest = size - text.size();
+  if (rest >= 6) text += "user" + std::string(rest - 6, ' ') + "\r\n";
+  text += std::string(size - text.size(), ' ');
+  return text;
+}
+
+// A frame with a hand-made header; the body is enciphered as the codec does.
+std::string RawFrame(std::uint32_t length, std::string body) {
+  Blowfish(FWFeedCodec::kFeedKey).Encrypt(body);
+  std::string frame(4, '\0');
+  for (int shift = 24; shift >= 0; shift -= 8) frame.push_back(static_cast<char>(length >> shift));
+  return frame + body;
+}
+
+// A frame whose compressed message is exactly `length` bytes: a zlib stream of stored blocks
+// holding silent text.
+std::string FrameOfCompressedLength(std::size_t length) {
+  for (std::size_t text_size = length - 200; text_size < length; ++text_size) {
+    const std::string text = SilentText(text_size);
+    std::string stream(compressBound(text.size()) + 64, '\0');
+    uLongf size = stream.size();
+    if (compress2(reinterpret_cast<Bytef*>(stream.data()), &size,
+                  reinterpret_cast<const Bytef*>(text.data()), text.size(), 0) != Z_OK) {
+      break;
+    }
+    if (size != length) continue;
+    stream.resize(size);
+    return RawFrame(static_cast<std::uint32_t>(size), stream);
+  }
+  ADD_FAILURE() << "no stored stream of " << length << " bytes";
+  return "";
+}
+
+std::string Dos(const std::string& text) {
+  std::string result;
+  for (char c : text) {
+    if (c == '\n') result += '\r';
+    result += c;
+  }
+  return result;
+}
+
+// The test's client: writes without blocking (what does not fit waits for the next pass) and
+// decodes what arrives into messages. Owns its descriptor.
+class FeedClient {
+ public:
+  // receive_buffer > 0 fixes the socket's receive buffer, so that the kernel holds little of
+  // what the session sends.
+  FeedClient(const std::string& port, int receive_buffer) {
+    const FWSocketManager& sockets = FWSocketManager::GetInstance();
+    sockaddr_in address{};
+    sockets.AddressCreate(address, "127.0.0.1", port, "tcp");
+    fd_ = sockets.CreateSocket("tcp");
+    if (receive_buffer > 0) {
+      ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    }
+    sockets.SetBlocking(fd_, true);
+    sockets.Connect(fd_, address);
+    sockets.SetBlocking(fd_, false);
+  }
+  ~FeedClient() { ::close(fd_); }
+  FeedClient(const FeedClient&) = delete;
+  FeedClient& operator=(const FeedClient&) = delete;
+
+  void Write(const std::string& bytes) {
+    outbox_ += bytes;
+    Flush();
+  }
+  void Flush() {
+    while (!outbox_.empty()) {
+      const ssize_t sent = ::send(fd_, outbox_.data(), outbox_.size(), MSG_NOSIGNAL);
+      if (sent <= 0) return;
+      outbox_.erase(0, static_cast<std::size_t>(sent));
+    }
+  }
+  // Reads what has arrived (unless reading is paused) and decodes whole frames.
+  void Read() {
+    if (!reading_) return;
+    char buffer[65536];
+    for (;;) {
+      const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT);
+      if (got == 0) closed_ = true;
+      if (got <= 0) break;
+      codec_.Append(std::string_view(buffer, static_cast<std::size_t>(got)));
+    }
+    std::string message;
+    while (codec_.Next(&message) == FWFeedCodec::Result::kMessage) messages_.push_back(message);
+  }
+  std::optional<std::string> TakeMessage() {
+    if (messages_.empty()) return std::nullopt;
+    std::string message = messages_.front();
+    messages_.pop_front();
+    return message;
+  }
+  bool HasMessage() const { return !messages_.empty(); }
+  bool IsClosed() const { return closed_; }
+  void SetReading(bool reading) { reading_ = reading; }
+
+ private:
+  int fd_ = -1;
+  std::string outbox_;
+  FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
+  std::deque<std::string> messages_;
+  bool closed_ = false;
+  bool reading_ = true;
+};
+
+class MonitoringSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    LogStream.ClearLogBuffer();
+    LogStream.SetBufferLimit(1 << 20);
+    LogStream.SetOptions(0);
+    testutil::WriteFile(root_.File("a.log"), "old a\n");
+    testutil::WriteFile(root_.File("b.log"), "");
+    testutil::WriteFile(root_.File("re.log"), "");
+    testutil::WriteFile(root_.File("notes.txt"), "");
+    ASSERT_EQ(::mkdir(root_.File("sub").c_str(), 0755), 0);
+    testutil::WriteFile(root_.File("sub/c.log"), "");
+    port_ = new MonitoringPort();
+    port_->SetIncomingServer(FWString("127.0.0.1"));
+    port_->SetIncomingPort(FWString(FreePort()));
+    port_->SetDocumentRoot(FWString(root_.Path()));
+    manager_.GetPorts().push_back(port_);
+    manager_.SetUpdateCheck("", milliseconds(1000));
+    // Every pass is a new second, so every pass polls the transmitted file.
+    manager_.SetClock([this] { return ++now_; });
+  }
+  void TearDown() override {
+    client_.reset();
+    manager_.Exit();
+    LogStream.SetBufferLimit(0);
+    LogStream.ClearLogBuffer();
+    std::vector<std::string> names;
+    for (const auto& entry : Counter.GetAll()) names.push_back(entry.first);
+    for (const std::string& name : names) Counter.Clear(name);
+  }
+
+  // One pass of the loop, then the client sends what waits and reads what came.
+  void Pass() {
+    manager_.Select();
+    if (extra_pass_) extra_pass_();
+    if (!client_) return;
+    client_->Flush();
+    client_->Read();
+  }
+  void Pump(int passes) {
+    for (int i = 0; i < passes; ++i) Pass();
+  }
+  bool PumpUntil(const std::function<bool()>& pred) {
+    return testutil::WaitUntil(
+        [&] {
+          if (pred()) return true;
+          Pass();
+          return pred();
+        },
+        kWait);
+  }
+
+  // Connects a new client (the manager starts on first use) and takes the greeting.
+  void Connect(int receive_buffer = 0) {
+    if (!manager_.IsInitialized()) manager_.Init();
+    client_.reset();
+    ASSERT_TRUE(PumpUntil([&] { return port_->GetSessions().empty(); }));
+    client_ = std::make_unique<FeedClient>(port_->GetIncomingPort(), receive_buffer);
+    ASSERT_TRUE(PumpUntil([&] { return port_->GetSessions().size() == 1; }));
+    Expect(kGreeting);
+  }
+  void Send(const std::string& text) { client_->Write(codec_.Frame(text)); }
+  void SendRaw(const std::string& bytes) { client_->Write(bytes); }
+  std::string Next() {
+    if (!PumpUntil([&] { return client_->HasMessage(); })) return "<no reply>";
+    return *client_->TakeMessage();
+  }
+  void Expect(const std::string& reply) { EXPECT_EQ(Next(), reply); }
+  void ExpectNoReply() {
+    Pump(2);
+    EXPECT_FALSE(client_->HasMessage()) << *client_->TakeMessage();
+  }
+  // The session ends without another reply.
+  void ExpectClosed() {
+    EXPECT_TRUE(PumpUntil([&] { return client_->IsClosed(); }));
+    EXPECT_FALSE(client_->HasMessage()) << *client_->TakeMessage();
+  }
+  // Collects tail data until `size` bytes of text have arrived.
+  std::string ReceiveData(std::size_t size, std::size_t* largest = nullptr) {
+    std::string data;
+    PumpUntil([&] {
+      while (auto message = client_->TakeMessage()) {
+        if (largest != nullptr) *largest = std::max(*largest, message->size());
+        data += *message;
+      }
+      return data.size() >= size;
+    });
+    return data;
+  }
+  void Login() {
+    Send("user logwatcher\r\n");
+    Expect("+OK\r\n");
+    Send("pass " + kPassword + "\r\n");
+    Expect("+OK Login successful\r\n");
+  }
+  // Logs in, starts a.log and lets a poll record where it ends.
+  void StartA() {
+    Login();
+    Send("start a.log\r\n");
+    Expect("+OK start transmitting " + root_.Path() + "/a.log\r\n");
+    Pump(2);
+  }
+  MonitoringSession& Session() {
+    return *dynamic_cast<MonitoringSession*>(port_->GetSessions().front());
+  }
+  static Lines SessionLogLines() {
+    Lines lines;
+    std::istringstream stream(LogStream.GetLogBuffer());
+    for (std::string line; std::getline(stream, line);) {
+      if (line.compare(kStampWidth, 8, "Session ") == 0) lines.push_back(line.substr(kStampWidth));
+    }
+    return lines;
+  }
+
+  testutil::TempDir root_;
+  SessionManager manager_;
+  MonitoringPort* port_ = nullptr;  // owned by manager_
+  std::unique_ptr<FeedClient> client_;
+  FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
+  std::time_t now_ = 1000000;
+  std::function<void()> extra_pass_;
+};
+
+// ---- The reply table ----
+
+TEST_F(MonitoringSessionTest, LoginRepliesBeforeLoginAreExact) {
+  Connect();
+  EXPECT_EQ(Session().GetNumber(), 509u);
+  Send("list\r\n");
+  Expect("-ERR invalid command\r\n");
+  Send("pass " + kPassword + "\r\n");  // no user accepted yet
+  Expect("-ERR invalid command\r\n");
+  Send("user nobody\r\n");
+  Expect("-ERR User unknown\r\n");
+  Send("user logwatcher\r\n");
+  Expect("+OK\r\n");
+  Send("user nobody\r\n");  // does not take the accepted user back
+  Expect("-ERR User unknown\r\n");
+  Send("pass wrong\r\n");
+  Expect("-ERR Login failed (invalid password)\r\n");
+  Send("pass " + kPassword + "\r\n");  // a retry succeeds
+  Expect("+OK Login successful\r\n");
+  EXPECT_EQ(Session().GetServerState(), MonitoringSession::kLoggedIn);
+}
+
+TEST_F(MonitoringSessionTest, RepliesAfterLoginAreExact) {
+  Connect();
+  Login();
+  Send("list\r\n");
+  for (const char* name : {"a.log\r\n", "b.log\r\n", "re.log\r\n", "sub/c.log\r\n", "+OK\r\n"}) {
+    Expect(name);
+  }
+  Send("start missing.log\r\n");
+  Expect("-ERR invalid logfile name\r\n");
+  Send("start sub/c.log\r\n");
+  Expect("+OK start transmitting " + root_.Path() + "/sub/c.log\r\n");
+  EXPECT_TRUE(Session().IsTransmitting());
+  Send("stop\r\n");
+  Expect("+OK logfile transmission stopped\r\n");
+  EXPECT_FALSE(Session().IsTransmitting());
+  Send("user logwatcher\r\n");
+  Expect("-ERR unrecognized command\r\n");
+  Send("START a.log\r\n");  // passes the keyword test, but the upper-case keyword stays
+  Expect("-ERR invalid logfile name\r\n");
+  Send("quit\r\n");
+  Expect("+OK closing connection\r\n");
+  ExpectClosed();
+}
+
+TEST_F(MonitoringSessionTest, QuitInAnyCaseEndsButQuitWithATrailingBlankDoesNot) {
+  Connect();
+  Send("quit \r\n");
+  Expect("-ERR invalid command\r\n");
+  Login();
+  Send("quit \r\n");
+  Expect("-ERR unrecognized command\r\n");
+  Send("QuIt\r\n");
+  Expect("+OK closing connection\r\n");
+  ExpectClosed();
+  Connect();  // also before login
+  Send("QUIT\r\n");
+  Expect("+OK closing connection\r\n");
+  ExpectClosed();
+}
+
+TEST_F(MonitoringSessionTest, LinesAfterQuitInTheSameFrameAreIgnored) {
+  Connect();
+  Send("quit\r\nuser logwatcher\r\nlist\r\n");
+  Expect("+OK closing connection\r\n");
+  ExpectClosed();
+}
+
+TEST_F(MonitoringSessionTest, BareLineFeedWaitsForCarriageReturnLineFeed) {
+  Connect();
+  Send("user logwatcher\n");
+  ExpectNoReply();
+  Send("\r\n");  // one line "user logwatcher\n\r\n": the "\n" stays in the name
+  Expect("-ERR User unknown\r\n");
+}
+
+TEST_F(MonitoringSessionTest, UserAndPassWithoutArgumentGetNoReply) {
+  Connect();
+  Send("user\r\n");
+  Send("user   \r\n");
+  Send("user nobody\r\n");
+  Expect("-ERR User unknown\r\n");  // the first reply: the two before got none
+  Send("user logwatcher\r\n");
+  Expect("+OK\r\n");
+  Send("pass \r\n");
+  Send("pass\r\n");
+  Send("pass wrong\r\n");
+  Expect("-ERR Login failed (invalid password)\r\n");
+}
+
+TEST_F(MonitoringSessionTest, UpperCaseKeywordsPassTheTestButStayInTheArgument) {
+  Connect();
+  Send("USER logwatcher\r\n");
+  Expect("-ERR User unknown\r\n");
+  Send("user logwatcher\r\n");
+  Expect("+OK\r\n");
+  Send("PASS " + kPassword + "\r\n");
+  Expect("-ERR Login failed (invalid password)\r\n");
+}
+
+TEST_F(MonitoringSessionTest, StartRestartLogAsksForReLog) {
+  Connect();
+  Login();
+  Send("start restart.log\r\n");
+  Expect("+OK start transmitting " + root_.Path() + "/re.log\r\n");
+}
+
+TEST_F(MonitoringSessionTest, StartWithoutNameConfirmsTheCurrentFileAndKeepsItsPosition) {
+  Connect();
+  Login();
+  Send("start\r\n");  // nothing is transmitted yet
+  Expect("-ERR invalid logfile name\r\n");
+  Send("start a.log\r\n");
+  Expect("+OK start transmitting " + root_.Path() + "/a.log\r\n");
+  Pump(2);
+  // Appended before the command is read; the poll of that pass still sends it.
+  testutil::WriteFile(root_.File("a.log"), "two\n", true);
+  Send("start  \r\n");
+  Expect("+OK start transmitting " + root_.Path() + "/a.log\r\n");
+  Expect("two\r\n");
+  Send("stop\r\n");
+  Expect("+OK logfile transmission stopped\r\n");
+  Send("start\r\n");
+  Expect("-ERR invalid logfile name\r\n");
+}
+
+TEST_F(MonitoringSessionTest, ListWithoutMatchingFilesAnswersOnlyOk) {
+  port_->SetSearchPattern(FWString("*.none"));
+  Connect();
+  Login();
+  Send("list\r\n");
+  Expect("+OK\r\n");
+  Send("start a.log\r\n");
+  Expect("-ERR invalid logfile name\r\n");
+}
+
+// ---- Framing ----
+
+TEST_F(MonitoringSessionTest, CommandsAreHandledAlikeWhateverTheirFrames) {
+  Connect();
+  Send("user logwatcher\r\npass " + kPassword + "\r\n");  // two in one frame
+  Expect("+OK\r\n");
+  Expect("+OK Login successful\r\n");
+  Send("li");  // one over two frames
+  Send("st\r");
+  Send("\nstop\r\n");
+  for (const char* name : {"a.log\r\n", "b.log\r\n", "re.log\r\n", "sub/c.log\r\n", "+OK\r\n"}) {
+    Expect(name);
+  }
+  Expect("+OK logfile transmission stopped\r\n");
+  SendRaw(codec_.Frame("") + codec_.Frame("stop\r\n") + codec_.Frame("list\r\n").substr(0, 9));
+  Expect("+OK logfile transmission stopped\r\n");
+  SendRaw(codec_.Frame("list\r\n").substr(9));
+  Expect("a.log\r\n");
+}
+
+TEST_F(MonitoringSessionTest, WrongSyncMarkerClosesEvenWithAValidFrameBehind) {
+  Connect();
+  const std::string prefix = Session().GetLogPrefix();
+  std::string bad = codec_.Frame("list\r\n");
+  bad[0] = '\x01';
+  SendRaw(bad + codec_.Frame("quit\r\n"));
+  ExpectClosed();
+  EXPECT_EQ(SessionLogLines(), Lines{prefix + "Lost sync reading from server"});
+}
+
+TEST_F(MonitoringSessionTest, CorruptCompressedMessageEndsOnlyThatSessionThroughTheLoop) {
+  Connect();
+  SendRaw(RawFrame(8, "garbage!"));
+  ExpectClosed();
+  EXPECT_EQ(SessionLogLines(),
+            Lines{"Session 509: ProxySession::Inflate operation failed (inflate: -3)"});
+  Connect();  // the port goes on serving
+  Send("user nobody\r\n");
+  Expect("-ERR User unknown\r\n");
+}
+
+// ---- Bounded input ----
+
+TEST_F(MonitoringSessionTest, FrameLongerThanOneMebibyteEndsTheSession) {
+  Connect();
+  SendRaw(FrameOfCompressedLength(kMiB));  // at the limit: handled, silently
+  Send("user nobody\r\n");
+  Expect("-ERR User unknown\r\n");
+  SendRaw(RawFrame(kMiB + 1, ""));  // the header alone is enough
+  ExpectClosed();
+  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Frame too large"});
+}
+
+TEST_F(MonitoringSessionTest, MessageInflatingPastOneMebibyteEndsTheSession) {
+  Connect();
+  Send(SilentText(kMiB));  // at the limit
+  Send("user nobody\r\n");
+  Expect("-ERR User unknown\r\n");
+  Send(SilentText(kMiB + 1));
+  ExpectClosed();
+  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Message too large"});
+}
+
+TEST_F(MonitoringSessionTest, CommandTextOver64KiBWithoutLineEndEndsTheSession) {
+  Connect();
+  Send(std::string(MonitoringSession::kLineLimit, 'x'));  // at the limit: waits for its end
+  Send("\r\n");
+  Expect("-ERR invalid command\r\n");
+  Send(std::string(MonitoringSession::kLineLimit + 1, 'x'));
+  Send("\r\n");
+  ExpectClosed();
+  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Line too long"});
+}
+
+// ---- Tailing ----
+
+TEST_F(MonitoringSessionTest, StartSendsNothingAndAppendedLinesArriveWithinTwoPolls) {
+  Connect();
+  StartA();
+  Pump(2);
+  EXPECT_FALSE(client_->HasMessage()) << "the file's old content was sent";
+  testutil::WriteFile(root_.File("a.log"), "one\ntwo\n", true);
+  Pump(2);  // the first poll queues the data, the next pass sends it
+  ASSERT_TRUE(testutil::WaitUntil([&] {
+    client_->Read();
+    return client_->HasMessage();
+  }));
+  EXPECT_EQ(*client_->TakeMessage(), "one\r\ntwo\r\n");
+  testutil::WriteFile(root_.File("a.log"), "three", true);  // ends mid-line
+  Expect("three");
+  testutil::WriteFile(root_.File("a.log"), "\nfour\n", true);
+  Expect("\r\nfour\r\n");
+}
+
+TEST_F(MonitoringSessionTest, LargeAppendArrivesWholeInOrderInRepliesOfAtMostOneMebibyte) {
+  Connect();
+  StartA();
+  std::string lines;
+  for (int i = 0; lines.size() < 20 * kMiB; ++i) lines += "line " + std::to_string(i) + "\n";
+  testutil::WriteFile(root_.File("a.log"), lines, true);
+  const std::string expected = Dos(lines);
+  std::size_t largest = 0;
+  const std::string data = ReceiveData(expected.size(), &largest);
+  EXPECT_EQ(data.size(), expected.size());
+  EXPECT_TRUE(data == expected) << "the data differs from the appended lines";
+  EXPECT_LE(largest, LogTail::kMaxReplyBytes);
+  Pump(2);
+  EXPECT_FALSE(client_->HasMessage()) << "data sent twice";
+}
+
+TEST_F(MonitoringSessionTest, ClientThatDoesNotReadCostsBoundedMemoryAndLosesNothing) {
+  Connect(64 * 1024);
+  StartA();
+  // Printable noise compresses little, so what waits for the client is close to the file size.
+  std::mt19937 random(7);
+  std::string lines;
+  while (lines.size() < 24 * kMiB) {
+    for (int i = 0; i < 99; ++i) lines += static_cast<char>('!' + random() % 94);
+    lines += '\n';
+  }
+  testutil::WriteFile(root_.File("a.log"), lines, true);
+  client_->SetReading(false);
+  std::size_t largest_unsent = 0;
+  std::size_t previous = 0;
+  int unchanged = 0;
+  ASSERT_TRUE(PumpUntil([&] {
+    const std::size_t unsent = Session().GetIncomingBuffer().size();
+    largest_unsent = std::max(largest_unsent, unsent);
+    unchanged = unsent == previous ? unchanged + 1 : 0;
+    previous = unsent;
+    return unchanged == 3;  // the socket is full and no poll adds more
+  }));
+  EXPECT_GT(previous, LogTail::kMaxPendingBytes);
+  EXPECT_LE(largest_unsent, LogTail::kMaxPendingBytes + LogTail::kMaxPollBytes);
+  client_->SetReading(true);
+  const std::string expected = Dos(lines);
+  const std::string data = ReceiveData(expected.size());
+  EXPECT_EQ(data.size(), expected.size());
+  EXPECT_TRUE(data == expected) << "the data differs from the appended lines";
+}
+
+TEST_F(MonitoringSessionTest, CommandsWaitWhileRepliesToAClientThatDoesNotReadPileUp) {
+  Connect(64 * 1024);
+  Login();
+  client_->SetReading(false);
+  constexpr int kLists = 100000;  // about 12 MiB of replies
+  std::string lists;
+  for (int i = 0; i < kLists; ++i) lists += "list\r\n";
+  Send(lists);
+  std::size_t largest_unsent = 0;
+  std::size_t previous = 0;
+  int unchanged = 0;
+  ASSERT_TRUE(PumpUntil([&] {
+    const std::size_t unsent = Session().GetIncomingBuffer().size();
+    largest_unsent = std::max(largest_unsent, unsent);
+    unchanged = unsent == previous ? unchanged + 1 : 0;
+    previous = unsent;
+    return unchanged == 3;
+  }));
+  EXPECT_GT(previous, LogTail::kMaxPendingBytes);
+  EXPECT_LE(largest_unsent, LogTail::kMaxPendingBytes + 1024) << "more than one list's replies";
+  client_->SetReading(true);
+  int oks = 0;
+  int names = 0;
+  PumpUntil([&] {
+    while (auto message = client_->TakeMessage()) ++(*message == "+OK\r\n" ? oks : names);
+    return oks == kLists;
+  });
+  EXPECT_EQ(oks, kLists);
+  EXPECT_EQ(names, 4 * kLists);
+}
+
+// ---- The client role ----
+
+TEST_F(MonitoringSessionTest, ClientRoleLogsInAndReceivesDataLines) {
+  manager_.Init();
+  MonitoringPort client_port;
+  client_port.SetOutgoingServer(FWString("127.0.0.1"));
+  client_port.SetOutgoingPort(port_->GetIncomingPort());
+  MonitoringSession reader(7, &client_port);
+  reader.Open(0);
+  ASSERT_TRUE(reader.IsOpen());
+  EXPECT_EQ(reader.GetClientState(), MonitoringSession::kAwaitingGreeting);
+  EXPECT_EQ(reader.GetServerState(), 0);
+  // The reader is no port's session: its transfers run after each pass, in the loop's order.
+  extra_pass_ = [&] {
+    if (IsReadable(reader.GetOutgoingSocket())) reader.ReceiveOutgoing();
+    reader.SendOutgoing();
+    reader.CheckFinished();
+  };
+  ASSERT_TRUE(PumpUntil([&] { return port_->GetSessions().size() == 1; }));
+  reader.SendCommand("user logwatcher\r\n");
+  reader.SendCommand("pass " + kPassword + "\r\n");
+  reader.SendCommand("list\r\n");
+  reader.SendCommand("start a.log\r\n");
+  ASSERT_TRUE(PumpUntil([&] { return Session().IsTransmitting(); }));
+  Pump(3);
+  EXPECT_EQ(reader.GetClientState(), MonitoringSession::kGreetingSeen);
+  // Replies ("+..." and "-...") are dropped; the list's names are lines like any other.
+  EXPECT_EQ(reader.GetReceivedText(), "a.log\r\nb.log\r\nre.log\r\nsub/c.log\r\n");
+  testutil::WriteFile(root_.File("a.log"), "alpha\n-minus\n+plus\nbeta\n", true);
+  const std::string expected = "a.log\r\nb.log\r\nre.log\r\nsub/c.log\r\nalpha\r\nbeta\r\n";
+  EXPECT_TRUE(PumpUntil([&] { return reader.GetReceivedText() == expected; }))
+      << reader.GetReceivedText();
+  reader.SendCommand("quit\r\n");
+  EXPECT_TRUE(PumpUntil([&] { return !reader.IsOpen(); }));
+  EXPECT_EQ(SessionLogLines(), Lines{"Session 7: Connection closed by server"});
+  extra_pass_ = nullptr;
+}
+
+TEST_F(MonitoringSessionTest, ClientRoleClosesOnLostSyncAndOnAFailedConnect) {
+  testutil::LoopbackListener server;
+  MonitoringPort client_port;
+  client_port.SetOutgoingServer(FWString("127.0.0.1"));
+  client_port.SetOutgoingPort(FWString(std::to_string(server.Port())));
+  MonitoringSession reader(7, &client_port);
+  reader.Open(0);
+  ASSERT_TRUE(reader.IsOpen());
+  const int peer = ::accept(server.Fd(), nullptr, nullptr);
+  ASSERT_GE(peer, 0);
+  reader.QueueIncoming(codec_.Frame(kGreeting) + codec_.Frame("data\r\n+OK\r\n"), false);
+  EXPECT_EQ(reader.GetReceivedText(), "data\r\n");
+  reader.QueueIncoming(std::string(8, '\x01'), false);
+  EXPECT_FALSE(reader.IsOpen());
+  EXPECT_EQ(reader.GetReceivedText(), "");
+  ::close(peer);
+
+  const std::string closed_port = FreePort();
+  client_port.SetOutgoingPort(FWString(closed_port));
+  MonitoringSession refused(8, &client_port);
+  refused.Open(0);
+  EXPECT_FALSE(refused.IsOpen());
+  const Lines lines = SessionLogLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "Session 7: Lost sync reading from server");
+  EXPECT_EQ(lines[1].rfind("Session 8: Connect to 127.0.0.1:" + closed_port + " failed: ", 0), 0u)
+      << lines[1];
+}
+
+}  // namespace
