@@ -1,0 +1,705 @@
+#include "NorvaneClient.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+#include "FWException.h"
+#include "FWFeedCodec.h"
+#include "FWSocket.h"
+#include "FWStringUtils.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kGreetingTail = " Monitoring Service Ready.\r\n";
+constexpr const char* kUserAccepted = "+OK\r\n";
+constexpr const char* kUserUnknown = "-ERR User unknown\r\n";
+constexpr const char* kLoginAccepted = "+OK Login successful\r\n";
+constexpr const char* kLoginFailed = "-ERR Login failed (invalid password)\r\n";
+constexpr const char* kListEnd = "+OK\r\n";
+constexpr const char* kStarted = "+OK start transmitting ";
+constexpr const char* kNotOffered = "-ERR invalid logfile name\r\n";
+constexpr const char* kStopped = "+OK logfile transmission stopped\r\n";
+constexpr const char* kClosing = "+OK closing connection\r\n";
+// Keepalive probes after the idle time: every kProbeInterval seconds, kProbeCount of them.
+constexpr int kProbeInterval = 10;
+constexpr int kProbeCount = 3;
+
+bool StartsWith(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+// The reason of a socket exception without the "(call) " in front of it.
+std::string Reason(const FWException& error) {
+  const std::string text = error.GetText();
+  const std::size_t close = text.find(") ");
+  if (StartsWith(text, "(") && close != std::string::npos) return text.substr(close + 2);
+  return text;
+}
+
+std::string ErrnoText(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof(buffer));
+}
+
+// Writes all of text; false with errno set when the descriptor fails.
+bool WriteAll(int fd, const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Owns one socket descriptor: closed once by the destructor or Reset.
+class SocketHandle final {
+ public:
+  SocketHandle() = default;
+  ~SocketHandle() { Reset(); }
+  SocketHandle(const SocketHandle&) = delete;
+  SocketHandle& operator=(const SocketHandle&) = delete;
+
+  int Get() const { return fd_; }
+  void Reset(int fd = -1) {
+    if (fd_ >= 0) FWSocketManager::GetInstance().CloseSocket(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace
+
+// One daemon connection: its conversation, its frames and its share of the output.
+//
+// The daemon's messages are told apart by their order alone: a reply answers the oldest command
+// still unanswered, and after "+OK start transmitting ..." every message is file data, whatever
+// its first character. Stopping a feed sends "stop" and "quit"; data may still arrive before
+// their replies, and a data message may even read exactly like them, so the two replies are only
+// held back: they count as replies if the connection closes right after them, and as data if
+// anything follows. After "stop" the daemon sends no more data, so nothing but its close can
+// follow the real replies.
+class NorvaneClient::Feed final {
+ public:
+  enum class Phase {
+    kConnecting,
+    kGreeting,
+    kUser,
+    kPass,
+    kList,
+    kStart,
+    kStreaming,
+    kClosing,  // stopping, with no stream to write
+    kDone
+  };
+
+  Feed(NorvaneClient* owner, Target target, bool prefixed)
+      : owner_(owner),
+        target_(std::move(target)),
+        prefixed_(prefixed),
+        codec_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
+
+  void Start();
+  void RequestStop();
+  // Closes without a word to the daemon.
+  void Abandon() { Finish(); }
+  void Handle(short revents);
+  void CheckDeadline(Clock::time_point now);
+
+  bool IsDone() const { return phase_ == Phase::kDone; }
+  int Fd() const { return socket_.Get(); }
+  short Events() const;
+  bool HasDeadline() const { return has_deadline_; }
+  Clock::time_point Deadline() const { return deadline_; }
+  // The names the daemon listed; complete only when IsListed().
+  const std::vector<std::string>& Names() const { return names_; }
+  bool IsListed() const { return listed_; }
+  const Target& GetTarget() const { return target_; }
+
+ private:
+  bool CheckArguments();
+  void Connect();
+  void Connected();
+  void SetKeepalive();
+  void Receive();
+  void Flush();
+  void Send(const std::string& command);
+  void OnMessage(const std::string& message);
+  void OnReply(const std::string& message);
+  void OnLoginReply(const std::string& message);
+  void OnMessageWhileStopping(const std::string& message);
+  void HoldOrData(const std::string& message);
+  void OnClose();
+  void AddData(const std::string& text);
+  void FlushData();
+  void Fail(int code, const std::string& text);
+  void Refused(int code, const std::string& text);
+  void Finish();
+  void Arm();
+  std::string Where() const;
+
+  NorvaneClient* const owner_;
+  const Target target_;
+  const bool prefixed_;
+  FWFeedCodec codec_;
+  SocketHandle socket_;
+  Phase phase_ = Phase::kConnecting;
+  std::string send_buffer_;
+  bool has_deadline_ = false;
+  Clock::time_point deadline_;
+  std::vector<std::string> names_;
+  bool listed_ = false;
+  // Stopping: the replies that end the conversation, and those of them received so far.
+  bool stop_sent_ = false;
+  std::vector<std::string> expected_;
+  std::vector<std::string> held_;
+  bool quit_answered_ = false;
+  // Output not yet written: a trailing "\r" that may start a "\r\n", and (prefixed) the
+  // unfinished last line.
+  std::string carry_;
+  std::string partial_;
+};
+
+bool NorvaneClient::Feed::CheckArguments() {
+  const Options& options = owner_->options_;
+  std::string problem = ArgumentProblem("user", options.user);
+  if (problem.empty()) problem = ArgumentProblem("pass", options.password);
+  if (!problem.empty()) {
+    Fail(kExitLogin, "login impossible: " + problem);
+    return false;
+  }
+  if (owner_->mode_ == Mode::kList) return true;
+  problem = ArgumentProblem("start", target_.file);
+  if (problem.empty()) return true;
+  Fail(kExitNotOffered, "cannot be requested: " + problem);
+  return false;
+}
+
+void NorvaneClient::Feed::Start() {
+  if (!CheckArguments()) return;
+  try {
+    Connect();
+  } catch (const FWException& error) {
+    Fail(kExitConnection, "cannot connect: " + Reason(error));
+  }
+}
+
+void NorvaneClient::Feed::Connect() {
+  const FWSocketManager& sockets = FWSocketManager::GetInstance();
+  sockaddr_in address{};
+  sockets.AddressCreate(address, target_.host, std::to_string(target_.port), "tcp");
+  socket_.Reset(sockets.CreateSocket("tcp"));
+  sockets.SetBlocking(socket_.Get(), false);
+  // In progress is success here; the outcome is read when the socket turns writable.
+  sockets.Connect(socket_.Get(), address);
+  Arm();
+}
+
+void NorvaneClient::Feed::Connected() {
+  int error = 0;
+  socklen_t size = sizeof(error);
+  if (::getsockopt(socket_.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+  if (error != 0) {
+    Fail(kExitConnection, "cannot connect: " + ErrnoText(error));
+    return;
+  }
+  SetKeepalive();
+  phase_ = Phase::kGreeting;
+  Arm();
+}
+
+// A feed may be silent for hours when its file does not grow, so silence is no failure. A host
+// that vanished is found by keepalive probes; their failure shows as ETIMEDOUT on the socket.
+void NorvaneClient::Feed::SetKeepalive() {
+  const int idle = owner_->options_.keepalive_seconds;
+  if (idle <= 0) return;
+  const int on = 1;
+  const int interval = idle < kProbeInterval ? idle : kProbeInterval;
+  const int count = kProbeCount;
+  const int fd = socket_.Get();
+  if (::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
+      ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) != 0 ||
+      ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval)) != 0 ||
+      ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) != 0) {
+    const int error = errno;
+    owner_->WriteErr("norvane: " + Where() + ": setsockopt keepalive: " + ErrnoText(error) + "\n");
+  }
+}
+
+short NorvaneClient::Feed::Events() const {
+  if (phase_ == Phase::kConnecting) return POLLOUT;
+  return static_cast<short>(POLLIN | (send_buffer_.empty() ? 0 : POLLOUT));
+}
+
+void NorvaneClient::Feed::Handle(short revents) {
+  if (IsDone() || revents == 0) return;
+  if (phase_ == Phase::kConnecting) {
+    Connected();
+    return;
+  }
+  if ((revents & POLLERR) != 0) {
+    int error = 0;
+    socklen_t size = sizeof(error);
+    if (::getsockopt(socket_.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+    if (error == ETIMEDOUT) {
+      Fail(kExitNoAnswer, "daemon stopped answering (keepalive probes unanswered)");
+    } else {
+      Fail(kExitConnection, "connection lost: " + ErrnoText(error));
+    }
+    return;
+  }
+  try {
+    if ((revents & POLLOUT) != 0) Flush();
+    if ((revents & (POLLIN | POLLHUP)) != 0 && !IsDone()) Receive();
+  } catch (const FWException& error) {
+    Fail(kExitConnection, "connection lost: " + Reason(error));
+  }
+}
+
+void NorvaneClient::Feed::Flush() {
+  bool try_again = false;
+  while (!send_buffer_.empty() && !try_again) {
+    FWSocketManager::GetInstance().Send(socket_.Get(), send_buffer_, try_again);
+  }
+}
+
+void NorvaneClient::Feed::Receive() {
+  std::string bytes;
+  bool try_again = false;
+  const int count = FWSocketManager::GetInstance().Recv(socket_.Get(), bytes, try_again);
+  if (count == 0 && !try_again) {
+    OnClose();
+    return;
+  }
+  codec_.Append(bytes);
+  std::string message;
+  while (!IsDone()) {
+    FWFeedCodec::Result result = FWFeedCodec::Result::kNeedMore;
+    try {
+      result = codec_.Next(&message);
+    } catch (const FWException& error) {
+      Fail(kExitProtocol, "corrupt frame from the daemon: " + error.GetText());
+      return;
+    }
+    if (result == FWFeedCodec::Result::kNeedMore) return;
+    if (result != FWFeedCodec::Result::kMessage) {
+      Fail(kExitProtocol, "corrupt frame from the daemon");
+      return;
+    }
+    OnMessage(message);
+  }
+}
+
+void NorvaneClient::Feed::Send(const std::string& command) {
+  send_buffer_ += codec_.Frame(command);
+  Arm();
+}
+
+void NorvaneClient::Feed::OnMessage(const std::string& message) {
+  if (stop_sent_) {
+    OnMessageWhileStopping(message);
+    return;
+  }
+  if (phase_ == Phase::kStreaming) {
+    AddData(message);
+    return;
+  }
+  OnReply(message);
+}
+
+void NorvaneClient::Feed::OnReply(const std::string& message) {
+  const Options& options = owner_->options_;
+  if (phase_ == Phase::kGreeting && EndsWith(message, kGreetingTail)) {
+    phase_ = Phase::kUser;
+    Send("user " + options.user + "\r\n");
+  } else if (phase_ == Phase::kUser || phase_ == Phase::kPass) {
+    OnLoginReply(message);
+  } else if (phase_ == Phase::kList && message == kListEnd) {
+    listed_ = true;
+    RequestStop();
+  } else if (phase_ == Phase::kList && EndsWith(message, "\r\n")) {
+    names_.push_back(message.substr(0, message.size() - 2));
+    Arm();
+  } else if (phase_ == Phase::kStart && StartsWith(message, kStarted)) {
+    phase_ = Phase::kStreaming;
+    has_deadline_ = false;
+    if (!options.quiet) {
+      const std::string path = message.substr(std::strlen(kStarted));
+      owner_->WriteErr("norvane: " + Where() + ": following " +
+                       path.substr(0, path.size() - (EndsWith(path, "\r\n") ? 2 : 0)) + "\n");
+    }
+  } else if (phase_ == Phase::kStart && message == kNotOffered) {
+    Refused(kExitNotOffered, "file not offered by the daemon (" +
+                                 message.substr(0, message.size() - 2) +
+                                 "); `norvane list` shows the files it offers");
+  } else {
+    Fail(kExitProtocol, "unexpected reply " + Quoted(FWStringUtils::Convert2Unix(message)));
+  }
+}
+
+void NorvaneClient::Feed::OnLoginReply(const std::string& message) {
+  const Options& options = owner_->options_;
+  if (phase_ == Phase::kUser && message == kUserAccepted) {
+    phase_ = Phase::kPass;
+    Send("pass " + options.password + "\r\n");
+  } else if (phase_ == Phase::kUser && message == kUserUnknown) {
+    Refused(kExitLogin, "login refused: user " + Quoted(options.user) + " unknown");
+  } else if (phase_ == Phase::kPass && message == kLoginFailed) {
+    Refused(kExitLogin, "login refused: wrong password for user " + Quoted(options.user));
+  } else if (phase_ == Phase::kPass && message == kLoginAccepted) {
+    const bool listing = owner_->mode_ == Mode::kList;
+    phase_ = listing ? Phase::kList : Phase::kStart;
+    Send(listing ? std::string("list\r\n") : "start " + target_.file + "\r\n");
+  } else {
+    Fail(kExitProtocol, "unexpected reply " + Quoted(FWStringUtils::Convert2Unix(message)));
+  }
+}
+
+void NorvaneClient::Feed::RequestStop() {
+  if (IsDone() || stop_sent_) return;
+  if (phase_ == Phase::kConnecting) {
+    Finish();
+    return;
+  }
+  stop_sent_ = true;
+  if (phase_ == Phase::kStart || phase_ == Phase::kStreaming) {
+    Send("stop\r\n");
+    expected_ = {kStopped, kClosing};
+  } else {
+    expected_ = {kClosing};
+  }
+  Send("quit\r\n");
+}
+
+// Replies to commands sent before the stop are dropped, except that a pending "start" may still
+// turn the feed into a stream whose data is written.
+void NorvaneClient::Feed::OnMessageWhileStopping(const std::string& message) {
+  if (phase_ == Phase::kStart) {
+    phase_ = StartsWith(message, kStarted) ? Phase::kStreaming : Phase::kClosing;
+    return;
+  }
+  if (phase_ == Phase::kStreaming) {
+    HoldOrData(message);
+    return;
+  }
+  if (message == kClosing) quit_answered_ = true;
+}
+
+void NorvaneClient::Feed::HoldOrData(const std::string& message) {
+  if (held_.size() < expected_.size() && message == expected_[held_.size()]) {
+    held_.push_back(message);
+    quit_answered_ = held_.size() == expected_.size();
+    return;
+  }
+  for (const std::string& data : held_) AddData(data);
+  held_.clear();
+  quit_answered_ = false;
+  if (message == expected_.front()) {
+    held_.push_back(message);
+    return;
+  }
+  AddData(message);
+}
+
+void NorvaneClient::Feed::OnClose() {
+  if (stop_sent_) {
+    Finish();
+    return;
+  }
+  Fail(kExitConnection, "connection lost: the daemon closed the connection");
+}
+
+void NorvaneClient::Feed::CheckDeadline(Clock::time_point now) {
+  if (IsDone() || !has_deadline_ || now < deadline_) return;
+  const std::string seconds = std::to_string(owner_->options_.timeout_seconds);
+  if (phase_ == Phase::kConnecting) {
+    Fail(kExitConnection, "cannot connect: no answer within " + seconds + " s");
+  } else if (!stop_sent_) {
+    Fail(kExitNoAnswer, "daemon stopped answering (no reply within " + seconds + " s)");
+  } else if (quit_answered_) {
+    Finish();
+  } else {
+    Fail(kExitNoAnswer, "daemon stopped answering (no reply to \"quit\" within " + seconds + " s)");
+  }
+}
+
+void NorvaneClient::Feed::AddData(const std::string& message) {
+  std::string text = message;
+  if (!owner_->options_.keep_crlf) {
+    text = carry_ + text;
+    carry_.clear();
+    if (EndsWith(text, "\r")) {
+      carry_ = "\r";
+      text.pop_back();
+    }
+    text = FWStringUtils::Convert2Unix(text);
+  }
+  if (!prefixed_) {
+    owner_->WriteOut(text);
+    return;
+  }
+  partial_ += text;
+  const std::string prefix = Label(target_);
+  std::string lines;
+  std::size_t start = 0;
+  for (std::size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
+    lines += prefix + partial_.substr(start, end + 1 - start);
+  }
+  partial_.erase(0, start);
+  owner_->WriteOut(lines);
+}
+
+// The end of a source: a held "\r" and an unfinished last line are written as they are; a
+// prefixed line gets its line end so that the next source's line starts on a line of its own.
+void NorvaneClient::Feed::FlushData() {
+  std::string rest = carry_ + partial_;
+  carry_.clear();
+  partial_.clear();
+  if (rest.empty()) return;
+  if (prefixed_) rest = Label(target_) + rest + (owner_->options_.keep_crlf ? "\r\n" : "\n");
+  owner_->WriteOut(rest);
+}
+
+void NorvaneClient::Feed::Fail(int code, const std::string& text) {
+  if (IsDone()) return;
+  FlushData();
+  owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
+  if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
+  Finish();
+}
+
+// A refusal leaves a working connection: it is ended with "quit" like any other.
+void NorvaneClient::Feed::Refused(int code, const std::string& text) {
+  owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
+  if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
+  phase_ = Phase::kClosing;
+  RequestStop();
+}
+
+void NorvaneClient::Feed::Finish() {
+  FlushData();
+  socket_.Reset();
+  phase_ = Phase::kDone;
+  has_deadline_ = false;
+}
+
+void NorvaneClient::Feed::Arm() {
+  has_deadline_ = true;
+  deadline_ = Clock::now() + std::chrono::seconds(owner_->options_.timeout_seconds);
+}
+
+std::string NorvaneClient::Feed::Where() const {
+  const std::string label = Label(target_);
+  return owner_->mode_ == Mode::kList ? label.substr(0, label.find('/'))
+                                      : label.substr(0, label.size() - 2);
+}
+
+// ---- NorvaneClient ----
+
+bool NorvaneClient::ParsePort(const std::string& text, int* port) {
+  if (text.empty() || text.size() > 5 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  const int value = std::stoi(text);
+  if (value < 1 || value > 65535) return false;
+  *port = value;
+  return true;
+}
+
+bool NorvaneClient::ParseDaemon(const std::string& text, const Target& defaults, Target* target,
+                                std::string* error) {
+  *target = defaults;
+  target->file.clear();
+  const std::size_t colon = text.find(':');
+  target->host = text.substr(0, colon);
+  if (target->host.empty()) target->host = defaults.host;
+  if (colon == std::string::npos) return true;
+  const std::string port = text.substr(colon + 1);
+  if (port.empty() || ParsePort(port, &target->port)) return true;
+  *error = "bad port " + Quoted(port) + " (expected 1 to 65535)";
+  return false;
+}
+
+bool NorvaneClient::ParseTailTarget(const std::string& text, const Target& defaults, Target* target,
+                                    std::string* error) {
+  const std::size_t slash = text.find('/');
+  const bool has_daemon = slash != std::string::npos && text.find(':') < slash;
+  *target = defaults;
+  target->file = text;
+  if (has_daemon) {
+    if (!ParseDaemon(text.substr(0, slash), defaults, target, error)) {
+      *error += " in " + Quoted(text);
+      return false;
+    }
+    target->file = text.substr(slash + 1);
+  }
+  if (!target->file.empty()) return true;
+  *error = "no file name in " + Quoted(text);
+  return false;
+}
+
+std::string NorvaneClient::ArgumentProblem(const std::string& keyword, const std::string& value) {
+  if (value.empty()) return "the " + keyword + " argument is empty";
+  std::string seen = value;
+  FWStringUtils::ReplaceAll(seen, keyword, "");
+  seen = FWStringUtils::TrimRight(seen);  // the product's name: strips the start
+  FWStringUtils::ReplaceAll(seen, "\r\n", "");
+  if (seen == value) return "";
+  const std::string what = keyword == "start"  ? "name"
+                           : keyword == "user" ? "user name"
+                                               : "password";
+  return "the daemon removes every " + Quoted(keyword) + ", leading blanks and line ends from a " +
+         what + ", so " + (keyword == "pass" ? "this password" : Quoted(value)) +
+         " can never reach it" +
+         (keyword == "start" ? " (it would look for " + Quoted(seen) + ")" : std::string());
+}
+
+std::string NorvaneClient::Label(const Target& target) {
+  return target.host + ":" + std::to_string(target.port) + "/" + target.file + ": ";
+}
+
+NorvaneClient::NorvaneClient(Mode mode, std::vector<Target> targets, Options options, int out_fd,
+                             int err_fd)
+    : mode_(mode), options_(std::move(options)), out_fd_(out_fd), err_fd_(err_fd) {
+  const bool prefixed = targets.size() > 1;
+  for (Target& target : targets) {
+    feeds_.push_back(std::make_unique<Feed>(this, std::move(target), prefixed));
+  }
+}
+
+NorvaneClient::~NorvaneClient() = default;
+
+int NorvaneClient::Run(int stop_fd) {
+  StartAll();
+  while (PollOnce(stop_fd)) {
+  }
+  if (mode_ == Mode::kList && first_failure_ == kExitOk) PrintList();
+  return first_failure_;
+}
+
+// After a failure the remaining feeds are not even started.
+void NorvaneClient::StartAll() {
+  for (auto& feed : feeds_) {
+    if (stopping_) {
+      feed->Abandon();
+      continue;
+    }
+    feed->Start();
+    HandleFailures();
+  }
+}
+
+bool NorvaneClient::PollOnce(int stop_fd) {
+  std::vector<pollfd> fds;
+  fds.push_back(pollfd{stop_fd, POLLIN, 0});
+  std::size_t open = 0;
+  for (const auto& feed : feeds_) {
+    const bool active = !feed->IsDone();
+    open += active ? 1 : 0;
+    fds.push_back(pollfd{active ? feed->Fd() : -1, active ? feed->Events() : short{0}, 0});
+  }
+  if (open == 0) return false;
+  // A poll interrupted by a signal counts as nothing ready; the stop pipe carries the request.
+  if (::poll(fds.data(), fds.size(), PollTimeoutMs()) < 0 && errno != EINTR) {
+    const int error = errno;
+    WriteErr("norvane: poll: " + ErrnoText(error) + "\n");
+    if (first_failure_ == kExitOk) first_failure_ = kExitConnection;
+    for (auto& feed : feeds_) feed->Abandon();
+    return false;
+  }
+  if (fds[0].fd >= 0 && fds[0].revents != 0) DrainStop(stop_fd);
+  for (std::size_t i = 0; i < feeds_.size() && !abandon_; ++i) {
+    feeds_[i]->Handle(fds[i + 1].revents);
+    HandleFailures();
+  }
+  const Clock::time_point now = Clock::now();
+  for (auto& feed : feeds_) feed->CheckDeadline(now);
+  HandleFailures();
+  return true;
+}
+
+int NorvaneClient::PollTimeoutMs() const {
+  int timeout = -1;
+  const Clock::time_point now = Clock::now();
+  for (const auto& feed : feeds_) {
+    if (feed->IsDone() || !feed->HasDeadline()) continue;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(feed->Deadline() - now).count();
+    // Rounded up by one so that the deadline has passed when poll returns.
+    const int wait = left < 0 ? 0 : static_cast<int>(left) + 1;
+    if (timeout < 0 || wait < timeout) timeout = wait;
+  }
+  return timeout;
+}
+
+void NorvaneClient::DrainStop(int stop_fd) {
+  char buffer[64];
+  while (::read(stop_fd, buffer, sizeof(buffer)) > 0) {
+  }
+  RequestStop();
+}
+
+void NorvaneClient::RequestStop() {
+  if (stopping_) {
+    abandon_ = true;
+    for (auto& feed : feeds_) feed->Abandon();
+    return;
+  }
+  stopping_ = true;
+  for (auto& feed : feeds_) feed->RequestStop();
+}
+
+void NorvaneClient::HandleFailures() {
+  if (first_failure_ != kExitOk && !stopping_) RequestStop();
+}
+
+void NorvaneClient::PrintList() {
+  const bool prefixed = feeds_.size() > 1;
+  std::string text;
+  for (const auto& feed : feeds_) {
+    const std::string label = Label(feed->GetTarget());
+    const std::string prefix = prefixed ? label.substr(0, label.size() - 2) : "";
+    if (!feed->IsListed()) continue;  // stopped before the daemon's "+OK"
+    for (const std::string& name : feed->Names()) text += prefix + name + "\n";
+  }
+  WriteOut(text);
+}
+
+// A closed output (EPIPE: the reader went away) ends the run like a stop request; any other
+// output error ends it with kExitOutput.
+void NorvaneClient::WriteOut(const std::string& text) {
+  if (text.empty() || out_failed_) return;
+  if (WriteAll(out_fd_, text)) return;
+  const int error = errno;
+  out_failed_ = true;
+  if (error != EPIPE) {
+    WriteErr("norvane: cannot write the output: " + ErrnoText(error) + "\n");
+    if (first_failure_ == kExitOk) first_failure_ = kExitOutput;
+  }
+  if (!stopping_) RequestStop();
+}
+
+void NorvaneClient::WriteErr(const std::string& text) const {
+  // Nothing better can be done when the error output itself fails.
+  (void)WriteAll(err_fd_, text);
+}

@@ -1,0 +1,117 @@
+// The client side of the log feed, as the command-line tool `norvane` uses it: logs in to one or
+// more norvaned daemons, lists the files they offer or follows files and writes what arrives.
+//
+// Exit codes of the tool (NorvaneClient::Run returns them):
+//   0 done (list printed; tail stopped by the user or because standard output was closed)
+//   1 standard output could not be written
+//   2 usage error
+//   3 connection refused, lost or not made in time, or host not found
+//   4 login refused (user or password)
+//   5 file not offered by the daemon ("-ERR invalid logfile name"), or a name it cannot be asked
+//   6 daemon stopped answering (no reply within the time-out, or keepalive probes unanswered)
+//   7 the daemon broke the protocol (unexpected reply, corrupt frame)
+#ifndef NORVANE_TOOLS_NORVANECLIENT_H_
+#define NORVANE_TOOLS_NORVANECLIENT_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+// Runs every connection in one thread over poll(). The first failure of any connection ends the
+// whole run: its message is written, the other daemons get "quit", and its exit code is returned.
+// Not thread-safe; one Run per object.
+class NorvaneClient final {
+ public:
+  static constexpr int kExitOk = 0;
+  static constexpr int kExitOutput = 1;
+  static constexpr int kExitUsage = 2;
+  static constexpr int kExitConnection = 3;
+  static constexpr int kExitLogin = 4;
+  static constexpr int kExitNotOffered = 5;
+  static constexpr int kExitNoAnswer = 6;
+  static constexpr int kExitProtocol = 7;
+
+  static constexpr const char* kDefaultHost = "127.0.0.1";
+  static constexpr int kDefaultPort = 9080;
+  static constexpr const char* kDefaultUser = "logwatcher";
+  static constexpr int kDefaultTimeoutSeconds = 10;
+  static constexpr int kDefaultKeepaliveSeconds = 60;
+
+  enum class Mode { kList, kTail };
+
+  // One daemon, and for tail one file on it (empty for list).
+  struct Target {
+    std::string host;
+    int port = kDefaultPort;
+    std::string file;
+  };
+
+  struct Options {
+    std::string user = kDefaultUser;
+    std::string password;
+    // Longest wait for a connection, for each reply, and for the daemon to close after "quit".
+    int timeout_seconds = kDefaultTimeoutSeconds;
+    // Idle time before TCP keepalive probes start on a connection; 0 turns them off.
+    int keepalive_seconds = kDefaultKeepaliveSeconds;
+    // Write "\r\n" as received instead of "\n".
+    bool keep_crlf = false;
+    // Leave out the notice on the error output that a file is being followed.
+    bool quiet = false;
+  };
+
+  // Parses a tail argument "[HOST:PORT/]FILE". The part before the first "/" is a daemon only
+  // when it holds a ":" (HOST or PORT may be empty there: the defaults fill in); otherwise the
+  // whole text is a file on the default daemon. False with *error set on a bad argument.
+  static bool ParseTailTarget(const std::string& text, const Target& defaults, Target* target,
+                              std::string* error);
+  // Parses a list argument "HOST[:PORT]" (an empty HOST or PORT takes the default).
+  static bool ParseDaemon(const std::string& text, const Target& defaults, Target* target,
+                          std::string* error);
+  // Parses a port number 1..65535.
+  static bool ParsePort(const std::string& text, int* port);
+  // Why the daemon can never take value as the argument of keyword ("start", "user", "pass"), or
+  // "" when it can: the daemon removes every occurrence of the lower-case keyword from the whole
+  // line and then the leading white space, so "restart.log" would be looked up as "re.log".
+  static std::string ArgumentProblem(const std::string& keyword, const std::string& value);
+  // The source prefix of a tail line: "host:port/file: ".
+  static std::string Label(const Target& target);
+
+  // out_fd and err_fd are not owned and must stay open during Run.
+  NorvaneClient(Mode mode, std::vector<Target> targets, Options options, int out_fd, int err_fd);
+  ~NorvaneClient();
+  NorvaneClient(const NorvaneClient&) = delete;
+  NorvaneClient& operator=(const NorvaneClient&) = delete;
+
+  // Connects to every target and runs until all connections have ended; returns the exit code.
+  // stop_fd (not owned; -1 for none) becoming readable asks for a clean stop: its bytes are
+  // drained, every daemon gets "quit" and the run ends when they have closed. A second stop
+  // request ends the run without waiting.
+  int Run(int stop_fd);
+
+ private:
+  class Feed;
+
+  void StartAll();
+  // One poll() over the stop descriptor and every open connection; false when nothing is left.
+  bool PollOnce(int stop_fd);
+  int PollTimeoutMs() const;
+  void DrainStop(int stop_fd);
+  void RequestStop();
+  void HandleFailures();
+  void PrintList();
+  void WriteOut(const std::string& text);
+  void WriteErr(const std::string& text) const;
+
+  const Mode mode_;
+  const Options options_;
+  const int out_fd_;
+  const int err_fd_;
+  std::vector<std::unique_ptr<Feed>> feeds_;
+  bool stopping_ = false;
+  bool abandon_ = false;
+  bool out_failed_ = false;
+  // The first failure decides the exit code; output errors count as failures too.
+  int first_failure_ = kExitOk;
+};
+
+#endif  // NORVANE_TOOLS_NORVANECLIENT_H_
