@@ -44,7 +44,7 @@ constexpr std::size_t kMiB = 1024 * 1024;
 const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
 const std::string kPassword = "Kem01&*sB";
 
-std::string FreePort() { return std::to_string(testutil::LoopbackListener().Port()); }
+std::string FreePort() { return std::to_string(testutil::FreePort()); }
 
 bool IsReadable(int fd) {
   pollfd entry{fd, POLLIN, 0};

@@ -33,11 +33,6 @@ using std::chrono::seconds;
 const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
 const std::string kPassword = "Kem01&*sB";
 
-int FreePort() {
-  testutil::LoopbackListener probe;
-  return probe.Port();
-}
-
 // The daemon's side of one connection, played by the test: accepts on a loopback listener and
 // exchanges framed messages. Every wait is bounded.
 class ScriptedDaemon {
@@ -156,7 +151,7 @@ class NorvaneClientTest : public ::testing::Test {
   void StartDaemon() {
     const std::string binary = home_.File("norvaned");
     std::filesystem::copy_file(NORVANED_BINARY, binary);
-    port_ = FreePort();
+    port_ = testutil::FreePort();
     testutil::WriteFile(home_.File("Norvane.cf"),
                         "FileVersion=1.0\n[SessionManager]\n"
                         "[SessionManager\\Ports\\MonitoringPort]\nIncomingServer=127.0.0.1\n"

@@ -30,13 +30,6 @@ using std::chrono::seconds;
 
 const std::string kRule(60, '-');
 
-// A TCP port on 127.0.0.1 that nothing listens on right now: the system picks it for a listener
-// that is closed again at once.
-int FreePort() {
-  testutil::LoopbackListener probe;
-  return probe.Port();
-}
-
 // A plain TCP client of the test, closed by its destructor.
 class Client {
  public:
@@ -90,7 +83,7 @@ class NorvanedTest : public ::testing::Test {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     binary_ = home_.File("norvaned");
     std::filesystem::copy_file(NORVANED_BINARY, binary_);
-    port_ = FreePort();
+    port_ = testutil::FreePort();
   }
 
   void TearDown() override {

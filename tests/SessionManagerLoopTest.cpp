@@ -52,7 +52,7 @@ bool WaitReadable(int fd, milliseconds timeout = kWait) {
 
 // A port number that was free a moment ago: a listener on port 0 is given one and closes it again.
 // The ports under test need a number known before they open.
-std::string FreePort() { return std::to_string(testutil::LoopbackListener().Port()); }
+std::string FreePort() { return std::to_string(testutil::FreePort()); }
 
 // One end of a loopback connection that the test plays (a client, or the server a relay session
 // connects to). Owns its descriptor. Reads never wait: Poll takes what has arrived.

@@ -89,6 +89,8 @@ LoopbackListener::~LoopbackListener() {
   if (fd_ >= 0) ::close(fd_);
 }
 
+int FreePort() { return LoopbackListener().Port(); }
+
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const std::string& working_dir) {
   std::vector<std::string> argv_text;

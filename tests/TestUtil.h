@@ -55,6 +55,10 @@ class LoopbackListener {
   int port_ = 0;
 };
 
+// A TCP port on 127.0.0.1 that nothing listens on right now: the system picks it for a listener
+// that is closed again at once.
+int FreePort();
+
 // A child process started with execv. Stop() (and the destructor) sends SIGKILL to its pid and
 // reaps it, unless it has already been reaped.
 class ChildProcess {
