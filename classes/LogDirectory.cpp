@@ -13,8 +13,15 @@
 #include "FWLogStream.h"
 #include "FWStringUtils.h"
 
-LogDirectory::LogDirectory(std::string root, std::string pattern, std::string log_prefix)
-    : root_(std::move(root)), pattern_(std::move(pattern)), log_prefix_(std::move(log_prefix)) {}
+LogDirectory::LogDirectory(std::string root, const std::string& patterns, std::string log_prefix)
+    : root_(std::move(root)), log_prefix_(std::move(log_prefix)) {
+  std::size_t start = patterns.find_first_not_of(" \t");
+  while (start != std::string::npos) {
+    const std::size_t end = patterns.find_first_of(" \t", start);
+    patterns_.push_back(patterns.substr(start, end - start));
+    start = patterns.find_first_not_of(" \t", end);
+  }
+}
 
 std::vector<std::string> LogDirectory::Collect() const {
   std::vector<std::string> names;
@@ -66,7 +73,7 @@ void LogDirectory::VisitEntry(const std::string& directory, const std::string& n
     return;
   }
   if (!S_ISDIR(st.st_mode)) {
-    if (FWStringUtils::Match(pattern_, name)) names.push_back(prefix + name);
+    if (Matches(name)) names.push_back(prefix + name);
     return;
   }
   const DirectoryId id(st.st_dev, st.st_ino);
@@ -77,6 +84,12 @@ void LogDirectory::VisitEntry(const std::string& directory, const std::string& n
   ancestors.push_back(id);
   CollectFrom(path, ancestors, names);
   ancestors.pop_back();
+}
+
+bool LogDirectory::Matches(const std::string& name) const {
+  return std::any_of(patterns_.begin(), patterns_.end(), [&](const std::string& pattern) {
+    return FWStringUtils::Match(pattern, name);
+  });
 }
 
 void LogDirectory::Log(const std::string& text) const { LogStream.Log(text, log_prefix_); }

@@ -1,5 +1,5 @@
 // The log files a feed session offers: every file under the document root whose bare name matches
-// the search pattern, listed relative to the root.
+// one of the search patterns, listed relative to the root.
 #ifndef NORVANE_CLASSES_LOGDIRECTORY_H_
 #define NORVANE_CLASSES_LOGDIRECTORY_H_
 
@@ -11,8 +11,10 @@
 
 class LogDirectory final {
  public:
-  // log_prefix is the source of the log lines ("Session 3: ").
-  LogDirectory(std::string root, std::string pattern, std::string log_prefix);
+  // patterns is a blank-separated list of wildcard patterns ("*.log *.txt syslog"); a file whose
+  // bare name matches any of them is offered. log_prefix is the source of the log lines
+  // ("Session 3: ").
+  LogDirectory(std::string root, const std::string& patterns, std::string log_prefix);
 
   // Walks the root and every directory below it (symbolic links followed) and returns the
   // matching names, "/" between levels and no leading slash, sorted ascending by byte value.
@@ -33,10 +35,11 @@ class LogDirectory final {
   // Handles one entry of a directory: recurses into subdirectories, offers matching files.
   void VisitEntry(const std::string& directory, const std::string& name, const std::string& prefix,
                   std::vector<DirectoryId>& ancestors, std::vector<std::string>& names) const;
+  bool Matches(const std::string& name) const;
   void Log(const std::string& text) const;
 
   const std::string root_;
-  const std::string pattern_;
+  std::vector<std::string> patterns_;
   const std::string log_prefix_;
 };
 

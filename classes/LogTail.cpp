@@ -35,16 +35,24 @@ void LogTail::FileHandle::Reset() {
 
 LogTail::LogTail(std::string log_prefix) : log_prefix_(std::move(log_prefix)) {}
 
-void LogTail::Start(const std::string& path) {
+int LogTail::Start(const std::string& path) {
   Stop();
   path_ = path;
+  read_error_logged_ = false;
+  const int error = OpenCurrent();
+  if (error == ENOENT) {
+    started_ = true;  // sent whole once it appears
+    return 0;
+  }
+  if (error != 0) return error;
+  struct stat st;
+  if (::fstat(file_.Get(), &st) == 0) offset_ = st.st_size;
   started_ = true;
-  skip_to_end_ = true;
+  return 0;
 }
 
 void LogTail::Stop() {
   started_ = false;
-  skip_to_end_ = false;
   file_.Reset();
   offset_ = 0;
 }
@@ -57,8 +65,6 @@ std::string LogTail::Poll() {
     const int error = errno;
     Log(FWStringUtils::Printf("can't stat file: %s (%s)", path_.c_str(),
                               GetErrorMessage(error).c_str()));
-    // A file that appears later is new: it is sent from its first byte.
-    skip_to_end_ = false;
   }
   std::string raw;
   std::size_t budget = kMaxPollBytes;
@@ -70,13 +76,7 @@ std::string LogTail::Poll() {
     budget -= DrainOldFile(budget, raw);
     if (file_.IsOpen()) return ToDos(raw);
   }
-  if (!path_exists || budget == 0 || !OpenCurrent()) return ToDos(raw);
-  if (skip_to_end_) {
-    skip_to_end_ = false;
-    struct stat opened;
-    if (::fstat(file_.Get(), &opened) == 0) offset_ = opened.st_size;
-    return "";
-  }
+  if (!path_exists || budget == 0 || OpenCurrent() != 0) return ToDos(raw);
   ReadSameFile(budget, raw);
   return ToDos(raw);
 }
@@ -125,9 +125,12 @@ std::size_t LogTail::ReadUpTo(off_t end, std::size_t budget, std::string& raw) {
 }
 
 // O_NONBLOCK keeps a FIFO in the path from blocking the service loop at open.
-bool LogTail::OpenCurrent() {
+int LogTail::OpenCurrent() {
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return LogReadError(errno);
+  if (fd < 0) {
+    const int error = errno;
+    return error == ENOENT ? error : LogReadError(error);
+  }
   FileHandle file(fd);
   struct stat st;
   if (::fstat(fd, &st) != 0) return LogReadError(errno);
@@ -136,13 +139,17 @@ bool LogTail::OpenCurrent() {
   file_dev_ = st.st_dev;
   file_ino_ = st.st_ino;
   offset_ = 0;
-  return true;
+  read_error_logged_ = false;
+  return 0;
 }
 
-bool LogTail::LogReadError(int error) const {
-  Log(FWStringUtils::Printf("can't read file: %s (%s)", path_.c_str(),
-                            GetErrorMessage(error).c_str()));
-  return false;
+int LogTail::LogReadError(int error) {
+  if (!read_error_logged_) {
+    Log(FWStringUtils::Printf("can't read file: %s (%s)", path_.c_str(),
+                              GetErrorMessage(error).c_str()));
+    read_error_logged_ = true;
+  }
+  return error;
 }
 
 std::string LogTail::ToDos(const std::string& raw) {

@@ -31,10 +31,11 @@ class LogTail final {
   // log_prefix is the source of the log lines ("Session 3: ").
   explicit LogTail(std::string log_prefix);
 
-  // Begins transmitting path (closing a file still open). The first poll that opens the file only
-  // records where it ends; what is appended afterwards is returned. When a poll finds the path
-  // missing before that, the file is returned whole once it appears.
-  void Start(const std::string& path);
+  // Begins transmitting path (closing a file still open): opens it at once and records where it
+  // ends, so every byte appended from now on is returned. A missing path is followed too: the
+  // file is returned whole once it appears. A file that exists but cannot be read (no
+  // permission, a directory) is not followed: the result is its errno (logged), 0 otherwise.
+  int Start(const std::string& path);
   // Ends the transmission and closes the file.
   void Stop();
   // One poll; "" when stopped or nothing is new. Line ends: a "\n" not preceded by "\r" becomes
@@ -76,18 +77,19 @@ class LogTail final {
   std::size_t ReadSameFile(std::size_t budget, std::string& raw);
   // Returns the rest of a file that the path no longer names; closes it once drained or deleted.
   std::size_t DrainOldFile(std::size_t budget, std::string& raw);
-  // Opens the file the path names now; false (logged) when it cannot be read.
-  bool OpenCurrent();
-  // Logs "can't read file" with the path and the error's text; returns false.
-  bool LogReadError(int error) const;
+  // Opens the file the path names now; the errno when it cannot be read (logged), 0 otherwise.
+  int OpenCurrent();
+  // Logs "can't read file" with the path and the error's text, once until a read succeeds again;
+  // returns the error.
+  int LogReadError(int error);
   std::string ToDos(const std::string& raw);
   void Log(const std::string& text) const;
 
   const std::string log_prefix_;
   std::string path_;
   bool started_ = false;
-  // The first poll after Start only records the end of the file.
-  bool skip_to_end_ = false;
+  // A read failure was logged; the same failure is not logged again at every poll.
+  bool read_error_logged_ = false;
   FileHandle file_;
   dev_t file_dev_ = 0;
   ino_t file_ino_ = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "FWFile.h"
 #include "FWProduct.h"
 #include "FWStringUtils.h"
 #include "LogDirectory.h"
@@ -16,11 +17,11 @@ bool StartsWith(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
-// The argument of a command line: every occurrence of the keyword removed (case-sensitive, also
-// inside the argument: clients rely on "start restart.log" asking for "re.log"), leading white
-// space removed, every "\r\n" removed.
+// The argument of a command line: the leading keyword removed (case-sensitively: "USER x" keeps
+// its keyword and so names an unknown user), then leading white space and every "\r\n". Only
+// the keyword is removed, so names such as restart.log and passwords such as bypass1 survive.
 std::string Argument(std::string line, const std::string& keyword) {
-  FWStringUtils::ReplaceAll(line, keyword, "");
+  if (StartsWith(line, keyword)) line.erase(0, keyword.size());
   line = FWStringUtils::TrimRight(line);  // the product's name: strips the start
   FWStringUtils::ReplaceAll(line, kLineEnd, "");
   return line;
@@ -245,28 +246,35 @@ void MonitoringSession::HandleLogin(const std::string& line, const std::string& 
 }
 
 // An empty name changes nothing: while a file is transmitted it is confirmed again and its
-// position is kept.
+// position is kept. A listed file that exists but cannot be opened is refused; the session stays
+// logged in.
 void MonitoringSession::HandleStart(const std::string& line) {
+  last_start_time_ = std::time(nullptr);
   const std::string name = Argument(line, "start");
   if (!name.empty()) {
+    current_file_.clear();
+    transmitting_ = false;
+    tail_.Stop();
     const auto found = std::find(log_files_.begin(), log_files_.end(), name);
-    if (found != log_files_.end()) {
-      // The slash is added even when DocumentRoot ends in one; clients see this path.
-      current_file_ = monitoring_port_->GetDocumentRoot() + "/" + *found;
-      transmitting_ = true;
-      tail_.Start(current_file_);
-    } else {
-      current_file_.clear();
-      transmitting_ = false;
-      tail_.Stop();
+    if (found == log_files_.end()) {
+      SendReply("-ERR invalid logfile name\r\n");
+      return;
     }
+    // The slash is added even when DocumentRoot ends in one; clients see this path.
+    const std::string path = monitoring_port_->GetDocumentRoot() + "/" + *found;
+    const int error = tail_.Start(path);
+    if (error != 0) {
+      SendReply("-ERR can't read " + name + ": " + GetErrorMessage(error) + kLineEnd);
+      return;
+    }
+    current_file_ = path;
+    transmitting_ = true;
   }
   if (transmitting_) {
     SendReply("+OK start transmitting " + current_file_ + kLineEnd);
   } else {
     SendReply("-ERR invalid logfile name\r\n");
   }
-  last_start_time_ = std::time(nullptr);
 }
 
 void MonitoringSession::HandleList() {

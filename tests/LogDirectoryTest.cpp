@@ -67,6 +67,10 @@ TEST_F(LogDirectoryTest, SubdirectoriesAreListedWithPrefixesSortedByByteValue) {
   EXPECT_EQ((Names{"B.log", "a.log", "b.log", "sub/c.log", "sub/deeper/d.log", "x.log/e.log"}),
             Collect(temp_.Path(), "*.log"));
   EXPECT_EQ((Names{"a.log", "a.log.old"}), Collect(temp_.Path(), "a.*"));
+  // A blank-separated list: a name matching any of the patterns is offered once.
+  EXPECT_EQ((Names{"a.log", "a.log.old", "notes.txt", "sub/deeper/skip.txt"}),
+            Collect(temp_.Path(), "  a.*\t*.txt a.log  "));
+  EXPECT_EQ(Names{}, Collect(temp_.Path(), " "));
   EXPECT_EQ(Names{}, Logged());
 }
 

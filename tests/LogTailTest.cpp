@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -30,11 +31,8 @@ class LogTailTest : public ::testing::Test {
   }
 
   void Append(const std::string& text) { testutil::WriteFile(path_, text, true); }
-  // Starts on path_ and runs the first poll, which only records where the file ends.
-  void StartAtEnd() {
-    tail_.Start(path_);
-    ASSERT_EQ("", tail_.Poll());
-  }
+  // Starts on path_, which records at once where the file ends.
+  void StartAtEnd() { ASSERT_EQ(0, tail_.Start(path_)); }
 
   // The logged entries without their time stamps, from the source on.
   static std::vector<std::string> Logged() {
@@ -73,8 +71,7 @@ class LogTailTest : public ::testing::Test {
 TEST_F(LogTailTest, StartSendsNothingThenAppendsArriveExactlyOnceAtNextPoll) {
   testutil::WriteFile(path_, "written before start\n");
   StartAtEnd();
-  EXPECT_EQ("", tail_.Poll());
-  Append("first\nsecond\n");
+  Append("first\nsecond\n");  // before the first poll: still new
   EXPECT_EQ("first\r\nsecond\r\n", tail_.Poll());
   EXPECT_EQ("", tail_.Poll());
   Append("third\n");
@@ -259,17 +256,23 @@ TEST_F(LogTailTest, RotationSharesThePollBudgetWithoutLosingOrRepeatingBytes) {
   EXPECT_EQ("", tail_.Poll());
 }
 
-TEST_F(LogTailTest, PathThatIsADirectoryLogsCantReadFile) {
+TEST_F(LogTailTest, UnreadablePathIsRefusedAtStartAndLoggedOncePerFailureWhileFollowed) {
+  const std::string cant_read = "Session 1: Can't read file: " + path_ + " (Is a directory)";
   ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
-  tail_.Start(path_);
-  EXPECT_EQ("", tail_.Poll());
-  EXPECT_EQ(std::vector<std::string>{"Session 1: Can't read file: " + path_ + " (Is a directory)"},
-            Logged());
+  EXPECT_EQ(EISDIR, tail_.Start(path_));
+  EXPECT_FALSE(tail_.IsStarted());
+  EXPECT_EQ(std::vector<std::string>{cant_read}, Logged());
+  ASSERT_EQ(0, ::rmdir(path_.c_str()));
+
+  // Missing at start: followed, and the path turning unreadable is logged once, not every poll.
+  ASSERT_EQ(0, tail_.Start(path_));
+  LogStream.ClearLogBuffer();
+  ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
+  for (int poll = 0; poll < 3; ++poll) EXPECT_EQ("", tail_.Poll());
+  EXPECT_EQ(std::vector<std::string>{cant_read}, Logged());
   ASSERT_EQ(0, ::rmdir(path_.c_str()));
   testutil::WriteFile(path_, "file now\n");
-  EXPECT_EQ("", tail_.Poll());  // the pending start still skips to the end
-  Append("appended\n");
-  EXPECT_EQ("appended\r\n", tail_.Poll());
+  EXPECT_EQ("file now\r\n", tail_.Poll());
 }
 
 TEST_F(LogTailTest, SplitRepliesCutsAtTheLimit) {

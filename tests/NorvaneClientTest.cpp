@@ -315,17 +315,15 @@ TEST_F(NorvaneClientTest, TailTargetsTakeTheDaemonOnlyWhenAColonComesBeforeTheFi
 }
 
 TEST_F(NorvaneClientTest, NamesTheDaemonWouldMangleAreRecognised) {
-  EXPECT_EQ(NorvaneClient::ArgumentProblem("start", "app.log"), "");
-  EXPECT_EQ(NorvaneClient::ArgumentProblem("start", "reSTART.log"), "");
-  EXPECT_EQ(NorvaneClient::ArgumentProblem("start", "restart.log"),
-            "the daemon removes every \"start\", leading blanks and line ends from a name, so "
-            "\"restart.log\" can never reach it (it would look for \"re.log\")");
-  EXPECT_NE(NorvaneClient::ArgumentProblem("start", " lead.log"), "");
-  EXPECT_NE(NorvaneClient::ArgumentProblem("user", "superuser"), "");
-  EXPECT_EQ(NorvaneClient::ArgumentProblem("pass", "compass"),
-            "the daemon removes every \"pass\", leading blanks and line ends from a password, "
-            "so this password can never reach it");
-  EXPECT_EQ(NorvaneClient::ArgumentProblem("pass", "Kem01&*sB"), "");
+  EXPECT_EQ(NorvaneClient::ArgumentProblem("start", "restart.log"), "");
+  EXPECT_EQ(NorvaneClient::ArgumentProblem("user", "superuser"), "");
+  EXPECT_EQ(NorvaneClient::ArgumentProblem("pass", "bypass1"), "");
+  EXPECT_EQ(NorvaneClient::ArgumentProblem("start", " lead.log"),
+            "the daemon removes leading blanks and line ends from a name, so \" lead.log\" can "
+            "never reach it");
+  EXPECT_EQ(NorvaneClient::ArgumentProblem("pass", "a\r\nb"),
+            "the daemon removes leading blanks and line ends from a password, so this password "
+            "can never reach it");
   EXPECT_EQ(NorvaneClient::ArgumentProblem("pass", ""), "the pass argument is empty");
 }
 
@@ -472,12 +470,11 @@ TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {
   EXPECT_EQ(outcome.err, daemon +
                              "/missing.log: file not offered by the daemon (-ERR invalid logfile "
                              "name); `norvane list` shows the files it offers\n");
-  outcome = RunClient({"tail", "-p", port, "restart.log"});
+  outcome = RunClient({"tail", "-p", port, " lead.log"});
   EXPECT_EQ(outcome.code, 5);
   EXPECT_EQ(outcome.err, daemon +
-                             "/restart.log: cannot be requested: the daemon removes every "
-                             "\"start\", leading blanks and line ends from a name, so "
-                             "\"restart.log\" can never reach it (it would look for \"re.log\")\n");
+                             "/ lead.log: cannot be requested: the daemon removes leading blanks "
+                             "and line ends from a name, so \" lead.log\" can never reach it\n");
   // The refused sessions were still ended with "quit".
   EXPECT_EQ(DaemonLog().find("closed by client"), std::string::npos) << DaemonLog();
 

@@ -560,18 +560,13 @@ bool NorvaneClient::ParseTailTarget(const std::string& text, const Target& defau
 
 std::string NorvaneClient::ArgumentProblem(const std::string& keyword, const std::string& value) {
   if (value.empty()) return "the " + keyword + " argument is empty";
-  std::string seen = value;
-  FWStringUtils::ReplaceAll(seen, keyword, "");
-  seen = FWStringUtils::TrimRight(seen);  // the product's name: strips the start
-  FWStringUtils::ReplaceAll(seen, "\r\n", "");
-  if (seen == value) return "";
+  const bool leading_blank = value.front() == ' ' || value.front() == '\t';
+  if (!leading_blank && value.find("\r\n") == std::string::npos) return "";
   const std::string what = keyword == "start"  ? "name"
                            : keyword == "user" ? "user name"
                                                : "password";
-  return "the daemon removes every " + Quoted(keyword) + ", leading blanks and line ends from a " +
-         what + ", so " + (keyword == "pass" ? "this password" : Quoted(value)) +
-         " can never reach it" +
-         (keyword == "start" ? " (it would look for " + Quoted(seen) + ")" : std::string());
+  return "the daemon removes leading blanks and line ends from a " + what + ", so " +
+         (keyword == "pass" ? "this password" : Quoted(value)) + " can never reach it";
 }
 
 std::string NorvaneClient::Label(const Target& target) {

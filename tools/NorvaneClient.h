@@ -70,8 +70,7 @@ class NorvaneClient final {
   // Parses a port number 1..65535.
   static bool ParsePort(const std::string& text, int* port);
   // Why the daemon can never take value as the argument of keyword ("start", "user", "pass"), or
-  // "" when it can: the daemon removes every occurrence of the lower-case keyword from the whole
-  // line and then the leading white space, so "restart.log" would be looked up as "re.log".
+  // "" when it can: the daemon removes the keyword, then leading white space and every "\r\n".
   static std::string ArgumentProblem(const std::string& keyword, const std::string& value);
   // The source prefix of a tail line: "host:port/file: ".
   static std::string Label(const Target& target);
