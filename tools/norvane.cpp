@@ -36,8 +36,6 @@ Targets
   empty to take the default (web1:/access.log, :9081/app.log). A text before the first "/"
   counts as a daemon only when it holds a ":". Several daemons may be followed at once:
     norvane tail web1:9080/access.log web2:9080/access.log
-  The daemon cannot be asked for a name containing "start" (it removes every "start" from the
-  requested name: restart.log would be looked up as re.log); norvane refuses such names.
 
 Options
   -H, --host HOST        default daemon host (127.0.0.1); IPv4 addresses and host names
