@@ -1,11 +1,26 @@
 #include "MonitoringPort.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "FWFile.h"
 #include "FWPublishSubscribe.h"
 #include "MonitoringSession.h"
 
 namespace {
 
 constexpr unsigned kGetClassLine = 135;
+
+// Why path cannot serve as a directory to list and read ("" when it can).
+std::string DirectoryProblem(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return GetErrorMessage(errno);
+  if (!S_ISDIR(st.st_mode)) return GetErrorMessage(ENOTDIR);
+  if (::access(path.c_str(), R_OK | X_OK) != 0) return GetErrorMessage(errno);
+  return "";
+}
 
 }  // namespace
 
@@ -41,7 +56,13 @@ const FWClass* MonitoringPort::GetClass() const {
 
 void MonitoringPort::Validate(std::list<FWNotification>& notifications) const {
   ProxyPort::Validate(notifications);
-  if (document_root_.empty()) notifications.push_front(FWMValueRequired("Log File Path"));
+  if (document_root_.empty()) {
+    notifications.push_front(FWMValueRequired("Log File Path"));
+  } else if (const std::string problem = DirectoryProblem(document_root_); !problem.empty()) {
+    notifications.push_front(FWNotification(
+        "Log File Path " + document_root_ + " is not a readable directory (" + problem + ")", 0,
+        FWNotification::kError));
+  }
   if (search_pattern_.empty()) {
     notifications.push_front(FWMValueRequired("Log File Search Pattern"));
   }

@@ -27,8 +27,10 @@ class MonitoringPort final : public ProxyPort {
   const FWClass* GetClass() const override;
   // ProxyPort's rules, then, each inserted at the FRONT of the list: "Log File Path", "Log File
   // Search Pattern", "Password" value-required notifications for an empty DocumentRoot,
-  // SearchPattern, Password. The list thus reads Password, pattern, path, then ProxyPort's.
-  // User is deliberately not checked.
+  // SearchPattern, Password. The list thus reads Password, pattern, path, then ProxyPort's. A
+  // DocumentRoot that is given but is not an existing directory the daemon may list and read
+  // takes the place of the path notification ("Log File Path /x is not a readable directory
+  // (No such file or directory)"). User is deliberately not checked.
   void Validate(std::list<FWNotification>& notifications) const override;
   // A new MonitoringSession(number, this) serving the log feed; the port owns it.
   ProxySession* SessionCreate(int number) override;

@@ -52,10 +52,12 @@ void ProxyPort::Validate(std::list<FWNotification>& notifications) const {
 
 void ProxyPort::Close() { ReleaseRunTimeState(); }
 
+std::string ProxyPort::GetAddressText() const {
+  const std::string& server = incoming_server_;
+  return (server.empty() ? std::string("<all interfaces>") : server) + ":" + incoming_port_;
+}
+
 void ProxyPort::Open() {
-  const std::string address_text =
-      (incoming_server_.empty() ? std::string("<all interfaces>") : incoming_server_) + ":" +
-      incoming_port_;
   if (incoming_connection_count_.IsNull()) incoming_connection_count_.Set(kDefaultBacklog);
   try {
     const FWSocketManager& sockets = FWSocketManager::GetInstance();
@@ -65,7 +67,7 @@ void ProxyPort::Open() {
     sockets.SetBlocking(listening_socket_, true);
     sockets.Bind(listening_socket_, address);
     sockets.Listen(listening_socket_, static_cast<unsigned>(incoming_connection_count_.Get()));
-    LogStream.Log(FWProduct::GetDisplayName() + " listening on " + address_text);
+    LogStream.Log(FWProduct::GetDisplayName() + " listening on " + GetAddressText());
   } catch (...) {
     Close();
     throw;

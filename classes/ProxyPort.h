@@ -71,6 +71,8 @@ class ProxyPort : public FWObject {
   SessionList& GetSessions() { return sessions_; }
   // The listening socket; 0 while the port is closed.
   int GetListeningSocket() const { return listening_socket_; }
+  // IncomingServer:IncomingPort as the log names it ("<all interfaces>:9080" for an empty server).
+  std::string GetAddressText() const;
 
   ProxyPort& operator=(const ProxyPort& other);
   bool operator==(const ProxyPort& other) const;

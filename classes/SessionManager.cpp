@@ -168,6 +168,12 @@ void SessionManager::SetUpdateCheck(const std::string& url, std::chrono::millise
 
 void SessionManager::Init() {
   if (initialized_) return;
+  InitPorts();
+  InitWorker();
+}
+
+void SessionManager::InitPorts() {
+  if (initialized_) return;
   initialized_ = true;
   if (!max_log_file_days_.IsNull()) LogStream.SetMaxDays(max_log_file_days_.Get());
   if (!max_log_file_size_.IsNull()) LogStream.SetMaxSize(max_log_file_size_.Get());
@@ -175,8 +181,33 @@ void SessionManager::Init() {
   LogConfiguration();
   ResetSessionNumbers();
   for (ProxyPort* port : ports_) port->Open();
+}
+
+void SessionManager::InitWorker() {
   LoadStatisticsFile();
   ThreadStart();
+}
+
+std::vector<std::string> SessionManager::ConfigurationProblems() const {
+  std::vector<std::string> problems;
+  std::list<FWNotification> notifications;
+  FWObject::Validate(notifications);
+  for (const FWNotification& notification : notifications) {
+    problems.push_back(notification.GetRawText());
+  }
+  int number = 0;
+  for (const ProxyPort* port : ports_) {
+    ++number;
+    notifications.clear();
+    port->Validate(notifications);
+    const std::string name = port->GetName().empty() ? "" : port->GetName() + ", ";
+    for (const FWNotification& notification : notifications) {
+      problems.push_back(FWStringUtils::Printf("port %d (%s%s): %s", number, name.c_str(),
+                                               port->GetAddressText().c_str(),
+                                               notification.GetRawText().c_str()));
+    }
+  }
+  return problems;
 }
 
 void SessionManager::LogBanner() const {

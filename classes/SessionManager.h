@@ -15,6 +15,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "FWObject.h"
 #include "FWPublishSubscribe.h"
@@ -64,11 +65,19 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // is.
   void Initialize();
 
-  // Start-up, once per initialization (a second call does nothing): copies the log limits into
-  // LogStream, logs the banner, the system texts and the configuration, fills the session-number
-  // pool with (1021 - ports) / 2 numbers, opens every port (an exception from a port propagates)
-  // and starts the worker thread.
+  // Start-up, once per initialization (a second call does nothing): InitPorts, then InitWorker.
   virtual void Init();
+  // The first part of Init: copies the log limits into LogStream, logs the banner, the system
+  // texts and the configuration, fills the session-number pool with (1021 - ports) / 2 numbers
+  // and opens every port (an exception from a port propagates; the failing port is the first one
+  // without a listening socket). The daemon runs it before it detaches: sockets survive the fork,
+  // a thread would not.
+  void InitPorts();
+  // The second part of Init: starts the worker thread. Call it after InitPorts.
+  void InitWorker();
+  // What keeps this configuration from serving, one text per problem, each naming its port
+  // ("port 1 (Monitoring, 127.0.0.1:9080): Password must not be empty"); empty when it can serve.
+  std::vector<std::string> ConfigurationProblems() const;
   // One pass of the event loop; see the .cpp for its steps. Throws FWESocketError
   // ("classes/SessionManager", 411, "select", ...) when select fails other than by EINTR, and
   // lets through exceptions that are not FWExceptions. A session's FWException ends that session.

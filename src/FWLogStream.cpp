@@ -50,7 +50,7 @@ void FWLogStream::Log(const FWNotification& notification) {
 }
 
 void FWLogStream::Log(const std::string& text, const std::string& source) {
-  if (!file_ && buffer_limit_ == 0) return;
+  if (!file_ && buffer_limit_ == 0 && echo_ == nullptr) return;
   const FWStringUtils& utils = FWStringUtils::GetDefaultInstance();
   std::string body = FWStringUtils::Convert2Unix(text);
   if (!body.empty()) body[0] = utils.ToUpper(body[0]);
@@ -63,11 +63,15 @@ void FWLogStream::Log(const std::string& text, const std::string& source) {
 
   if (file_ && RotationDue(LocalDay(now))) OpenFile(file_name_, true);
   if (file_) {
-    file_size_ += static_cast<int32_t>(entry.size());
+    file_size_ += static_cast<int64_t>(entry.size());
     std::fwrite(entry.data(), 1, entry.size(), file_.get());
     std::fflush(file_.get());
   }
   if (buffer_limit_ != 0) AppendToBuffer(entry);
+  if (echo_ != nullptr) {
+    std::fwrite(entry.data(), 1, entry.size(), echo_);
+    std::fflush(echo_);
+  }
 }
 
 bool FWLogStream::RotationDue(int32_t today) const {
@@ -94,7 +98,7 @@ void FWLogStream::OpenFile(const std::string& name, bool rotate) {
   const bool exists = StatFile(name, &st);
   bool forced = false;
   if (exists) {
-    file_size_ = static_cast<int32_t>(st.st_size);
+    file_size_ = st.st_size;
     std::unique_ptr<std::FILE, FileCloser> in(std::fopen(name.c_str(), "r"));
     if (!in) {
       forced = true;
@@ -141,7 +145,7 @@ bool FWLogStream::IsUpdated() {
   while ((got = std::fread(chunk, 1, kViewerChunk, in.get())) > 0) {
     chunk[got] = '\0';
     buffer_.append(chunk, std::strlen(chunk));
-    read_position_ += static_cast<int32_t>(got);
+    read_position_ += static_cast<int64_t>(got);
     read_any = true;
   }
   updated_ = false;

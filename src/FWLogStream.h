@@ -43,15 +43,18 @@ class FWLogStream {
   void SetOptions(uint32_t options) { options_ = options; }
   int32_t GetMaxDays() const { return max_days_; }
   void SetMaxDays(int32_t days) { max_days_ = days; }
-  int32_t GetMaxSize() const { return max_size_; }
-  void SetMaxSize(int32_t size) { max_size_ = size; }
+  int64_t GetMaxSize() const { return max_size_; }
+  void SetMaxSize(int64_t size) { max_size_ = size; }
   uint32_t GetBufferLimit() const { return buffer_limit_; }
   void SetBufferLimit(uint32_t limit) { buffer_limit_ = limit; }
   const std::string& GetLogBuffer() const { return buffer_; }
   const std::string& GetFileName() const { return file_name_; }
-  int32_t GetFileSize() const { return file_size_; }
+  int64_t GetFileSize() const { return file_size_; }
   int32_t GetFileDay() const { return file_day_; }
   bool IsOpen() const { return file_ != nullptr; }
+  // Every entry is also written to this stream (not owned; null for none), for a daemon that runs
+  // in the foreground.
+  void SetEcho(std::FILE* echo) { echo_ = echo; }
 
   // The clock of the stamps and of the age test; time() unless a test sets another.
   void SetClock(std::function<std::time_t()> clock) { clock_ = std::move(clock); }
@@ -72,13 +75,14 @@ class FWLogStream {
   std::unique_ptr<std::FILE, FileCloser> file_;
   std::string file_name_;
   int32_t file_day_ = 0;
-  int32_t file_size_ = 0;
+  int64_t file_size_ = 0;
   std::string buffer_;
   uint32_t buffer_limit_ = 0;
-  int32_t read_position_ = 0;
+  int64_t read_position_ = 0;
   bool updated_ = false;
   int32_t max_days_ = 0;
-  int32_t max_size_ = 2147483647;
+  int64_t max_size_ = INT64_MAX;
+  std::FILE* echo_ = nullptr;
   std::function<std::time_t()> clock_;
 };
 

@@ -1,8 +1,11 @@
 #include "FWLogStream.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -104,6 +107,22 @@ TEST_F(FWLogStreamTest, RotatesOnlyAfterTheEntryThatReachesTheSizeLimit) {
   log_.Log(text);
   EXPECT_EQ(Backup().size(), 1000u);
   EXPECT_EQ(Contents(), std::string(kStamp) + "X" + std::string(75, 'x') + "\n");
+  EXPECT_EQ(log_.GetFileSize(), 100);
+}
+
+TEST_F(FWLogStreamTest, LogPastTwoGibibytesStillRotatesBySize) {
+  // A sparse file just under the largest configurable limit; the next entries cross 2 GiB.
+  constexpr int64_t kLimit = 2147483647;
+  WriteOldLog(kT0);
+  ASSERT_EQ(::truncate(Path().c_str(), kLimit - 50), 0);
+  log_.SetMaxSize(kLimit);
+  log_.OpenFile(Path(), false);
+  const std::string text(76, 'x');  // 100 bytes an entry
+  log_.Log(text);
+  EXPECT_EQ(log_.GetFileSize(), kLimit + 50);
+  EXPECT_FALSE(testutil::FileExists(Path() + "~"));
+  log_.Log(text);
+  EXPECT_EQ(std::filesystem::file_size(Path() + "~"), static_cast<std::uintmax_t>(kLimit + 50));
   EXPECT_EQ(log_.GetFileSize(), 100);
 }
 

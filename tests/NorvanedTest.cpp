@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -93,21 +94,30 @@ class NorvanedTest : public ::testing::Test {
     }
   }
 
-  // A configuration with one monitoring port on 127.0.0.1 serving logs_, plus extra root keys.
-  void WriteConfig(const std::string& root_keys = "") {
+  // A configuration with one monitoring port on 127.0.0.1 serving logs_, plus extra keys.
+  void WriteConfig(const std::string& root_keys = "", const std::string& port_keys = "") {
     testutil::WriteFile(home_.File("Norvane.cf"),
                         "FileVersion=1.0\n[SessionManager]\n" + root_keys +
                             "[SessionManager\\Ports\\MonitoringPort]\nIncomingServer=127.0.0.1\n"
                             "IncomingPort=" +
-                            std::to_string(port_) + "\nDocumentRoot=" + logs_.Path() + "\n");
+                            std::to_string(port_) + "\nDocumentRoot=" + logs_.Path() + "\n" +
+                            port_keys);
   }
 
-  // Starts the binary by its absolute path from another directory and waits for the pid file.
+  // Runs the binary by its absolute path from another directory until the launched process
+  // returns (a daemon that detaches returns at once); its exit status, and its standard output
+  // and error in *output.
+  int Launch(const std::vector<std::string>& args, std::string* output = nullptr) {
+    testutil::ChildProcess launcher(binary_, args, elsewhere_.Path(), home_.File("output"));
+    int status = -1;
+    EXPECT_TRUE(launcher.WaitExit(seconds(20), &status)) << "the launcher did not return";
+    if (output != nullptr) *output = testutil::ReadFile(home_.File("output"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // Starts the daemon and waits for its pid file.
   void Start() {
     std::filesystem::remove(home_.File("Norvane.pid"));
-    testutil::ChildProcess launcher(binary_, {}, elsewhere_.Path());
-    int status = -1;
-    ASSERT_TRUE(launcher.WaitExit(seconds(10), &status)) << "the launcher did not return";
+    ASSERT_EQ(Launch({}, &output_), 0) << output_;
     ASSERT_TRUE(testutil::WaitUntil([&] { return !PidFile().empty(); }, seconds(10)))
         << "no Norvane.pid";
     pid_ = std::stoi(PidFile());
@@ -150,6 +160,7 @@ class NorvanedTest : public ::testing::Test {
   testutil::TempDir elsewhere_;
   testutil::TempDir logs_;
   std::string binary_;
+  std::string output_;  // what the last Start printed before detaching
   int port_ = 0;
   pid_t pid_ = -1;
 };
@@ -201,6 +212,8 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsStartupAndStopsOnSigterm) {
   EXPECT_EQ(after[after.size() - 2], "Going down on signal 15");
   EXPECT_EQ(after.back(), lines[1].substr(0, lines[1].size() - 13) + " shutting down");
   EXPECT_FALSE(Client(port_).Connected()) << "the port is still open after shutdown";
+  EXPECT_FALSE(testutil::FileExists(home_.File("Norvane.pid")));
+  EXPECT_EQ(output_, "") << "a good start prints nothing";
 }
 
 TEST_F(NorvanedTest, SigintEndsItTheSameWayAndClosesConnectedClients) {
@@ -250,8 +263,15 @@ TEST_F(NorvanedTest, StartedByBareNameKeepsTheInheritedDirectoryAndWritesNoPidFi
             std::string::npos);
 }
 
-TEST_F(NorvanedTest, WithoutConfigurationItRunsOnDefaultsWithoutPorts) {
+TEST_F(NorvanedTest, WithoutConfigurationItSaysSoAndRunsOnDefaultsWithoutPorts) {
   Start();
+  const std::string config = home_.File("Norvane.cf");
+  EXPECT_EQ(output_, "norvaned: no configuration file " + config +
+                         ": running on the defaults; copy Norvane.cf.example there and set "
+                         "DocumentRoot and Password\nnorvaned: " +
+                         config +
+                         ": no port is configured, so norvaned serves nothing; add a "
+                         "[SessionManager\\Ports\\MonitoringPort] section\n");
   ASSERT_TRUE(WaitForLog("Configuration:\n"));
   ASSERT_TRUE(WaitForLog("    [SessionManager]\n"));
   EXPECT_EQ(Log().find(" listening on "), std::string::npos);
@@ -259,35 +279,100 @@ TEST_F(NorvanedTest, WithoutConfigurationItRunsOnDefaultsWithoutPorts) {
   EXPECT_EQ(LogLines().back().substr(LogLines().back().size() - 14), " shutting down");
 }
 
-TEST_F(NorvanedTest, BrokenConfigurationIsLoggedAndEndsWithStatusZero) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
+TEST_F(NorvanedTest, StartupFailuresArePrintedAndLoggedAndEndWithStatusOneWithoutDetaching) {
+  testutil::LoopbackListener taken;
+  const std::string config = home_.File("Norvane.cf");
+  const std::string section =
+      "FileVersion=1.0\n[SessionManager]\n[SessionManager\\Ports\\MonitoringPort]\n"
+      "IncomingServer=127.0.0.1\nIncomingPort=";
+  const struct {
+    std::string config;
+    std::string message;
+  } cases[] = {
       {"FileVersion=1.0\n[SessionManager]\nMaxLogFileDays 3\n",
-       "Parse operation failed (parse error: MaxLogFileDays 3)"},
-      {"FileVersion=2.0\n[SessionManager]\n", "Parse operation failed (version not supported)"},
+       config + ":3: Parse operation failed (parse error: MaxLogFileDays 3); settings are lines "
+                "Key=value under a [section] header; fix the line and test the file with "
+                "norvaned --check"},
+      {section + std::to_string(port_) + "\nDocumentRoot=" + logs_.File("gone") + "\n",
+       config + ": port 1 (Monitoring, 127.0.0.1:" + std::to_string(port_) + "): Log File Path " +
+           logs_.File("gone") +
+           " is not a readable directory (No such file or directory); set it in the port's "
+           "section (Norvane.cf.example describes every setting)"},
+      {section + std::to_string(taken.Port()) + "\nDocumentRoot=" + logs_.Path() + "\n",
+       "can't listen on 127.0.0.1:" + std::to_string(taken.Port()) + " (port 1 of " + config +
+           "): (bind) Address already in use; another program listens there (ss -ltnp shows "
+           "which): stop it or choose another IncomingPort"},
   };
-  for (const auto& [config, message] : cases) {
+  for (const auto& [text, message] : cases) {
     SCOPED_TRACE(message);
-    testutil::WriteFile(home_.File("Norvane.cf"), config);
+    testutil::WriteFile(config, text);
     std::filesystem::remove(home_.File("Norvane.log"));
-    Start();
-    EXPECT_EQ(WaitForExit(), 0) << "the daemon did not end by itself";
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(), message);
-    EXPECT_EQ(Log().find("starting ..."), std::string::npos);
+    std::string output;
+    EXPECT_EQ(Launch({}, &output), 1);
+    EXPECT_EQ(output, "norvaned: " + message + "\n");
+    std::string logged = message;  // the log starts every entry with a capital
+    logged[0] = static_cast<char>(std::toupper(logged[0]));
+    EXPECT_NE(Log().find(logged + "\n"), std::string::npos) << Log();
+    EXPECT_FALSE(testutil::FileExists(home_.File("Norvane.pid")));
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a daemon detached";
   }
 }
 
-TEST_F(NorvanedTest, PortInUseIsLoggedAndTheDaemonEndsCleanly) {
-  testutil::LoopbackListener taken;
-  port_ = taken.Port();
+TEST_F(NorvanedTest, CheckReportsTheConfigurationAndStartsNothing) {
   WriteConfig();
-  Start();
-  EXPECT_EQ(WaitForExit(), 0) << "the daemon did not end by itself";
-  const std::vector<std::string> lines = LogLines();
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[lines.size() - 2], "(bind) Address already in use");
-  EXPECT_EQ(lines.back().substr(lines.back().size() - 14), " shutting down");
+  std::string output;
+  EXPECT_EQ(Launch({"--check"}, &output), 0);
+  EXPECT_EQ(output, home_.File("Norvane.cf") + ": configuration OK, 1 port(s)\n  Monitoring on " +
+                        "127.0.0.1:" + std::to_string(port_) + " serves " + logs_.Path() +
+                        " (*.log)\n");
+  // -c names a file relative to the directory norvaned is started from.
+  testutil::WriteFile(elsewhere_.File("other.cf"), "FileVersion=1.0\n[SessionManager]\nx\n");
+  EXPECT_EQ(Launch({"-t", "-c", "other.cf"}, &output), 1);
+  EXPECT_EQ(output, "norvaned: " + elsewhere_.File("other.cf") +
+                        ":3: Parse operation failed (parse error: x); settings are lines "
+                        "Key=value under a [section] header; fix the line and test the file with "
+                        "norvaned --check\n");
+  EXPECT_EQ(Launch({"--check", "-c", "missing.cf"}, &output), 1);
+  EXPECT_NE(output.find(elsewhere_.File("missing.cf")), std::string::npos) << output;
+  EXPECT_EQ(Launch({"--version"}, &output), 0);
+  EXPECT_EQ(output.rfind("norvaned 0.", 0), 0u) << output;
+  EXPECT_EQ(Launch({"--bogus"}, &output), 2);
+  EXPECT_EQ(output, "norvaned: unknown option --bogus (norvaned --help lists the options)\n");
+  EXPECT_FALSE(testutil::FileExists(home_.File("Norvane.log")));
+}
+
+TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndEndsOnSigtermAlsoDuringStartUp) {
+  WriteConfig();
+  // The signal arrives as soon as the handlers are installed, while the daemon is starting.
+  {
+    testutil::ChildProcess daemon(binary_, {"--foreground"}, elsewhere_.Path(),
+                                  home_.File("early"));
+    const auto catches_sigterm = [&] {
+      const std::string status =
+          testutil::ReadFile("/proc/" + std::to_string(daemon.Pid()) + "/status");
+      const std::size_t at = status.find("SigCgt:\t");
+      return at != std::string::npos &&
+             (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ull << (SIGTERM - 1))) != 0;
+    };
+    ASSERT_TRUE(testutil::WaitUntil(catches_sigterm, seconds(20)));
+    daemon.Signal(SIGTERM);
+    int status = -1;
+    ASSERT_TRUE(daemon.WaitExit(seconds(20), &status)) << "SIGTERM during start-up was forgotten";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(testutil::ReadFile(home_.File("early")).find(" Going down on signal 15\n"),
+              std::string::npos);
+  }
+  testutil::ChildProcess daemon(binary_, {"-f"}, elsewhere_.Path(), home_.File("late"));
+  ASSERT_TRUE(WaitForPort());
+  daemon.Signal(SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(daemon.WaitExit(seconds(20), &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  const std::string echoed = testutil::ReadFile(home_.File("late"));
+  EXPECT_NE(echoed.find(" listening on 127.0.0.1:" + std::to_string(port_) + "\n"),
+            std::string::npos)
+      << echoed;
+  EXPECT_EQ(echoed.substr(echoed.size() - 14), "shutting down\n");
 }
 
 TEST_F(NorvanedTest, LogRotatesBySizeWhenMaxLogFileSizeIsSmall) {
@@ -304,8 +389,10 @@ TEST_F(NorvanedTest, LogRotatesBySizeWhenMaxLogFileSizeIsSmall) {
 }
 
 TEST_F(NorvanedTest, WholeSessionThroughTheRealBinary) {
-  testutil::WriteFile(logs_.File("app.log"), "old line\n");
-  WriteConfig();
+  testutil::WriteFile(logs_.File("restart.log"), "old line\n");
+  testutil::WriteFile(logs_.File("notes.txt"), "");
+  testutil::WriteFile(logs_.File("other.dat"), "");
+  WriteConfig("", "SearchPattern=*.log *.txt\n");
   Start();
   ASSERT_TRUE(WaitForPort());
   Client client(port_);
@@ -315,20 +402,14 @@ TEST_F(NorvanedTest, WholeSessionThroughTheRealBinary) {
   client.Send("pass Kem01&*sB\r\n");
   EXPECT_EQ(client.Receive(), "+OK Login successful\r\n");
   client.Send("list\r\n");
-  EXPECT_EQ(client.Receive(), "app.log\r\n");
+  EXPECT_EQ(client.Receive(), "notes.txt\r\n");
+  EXPECT_EQ(client.Receive(), "restart.log\r\n");
   EXPECT_EQ(client.Receive(), "+OK\r\n");
-  client.Send("start app.log\r\n");
-  EXPECT_EQ(client.Receive(), "+OK start transmitting " + logs_.Path() + "/app.log\r\n");
-  // The first poll after start only records where the file ends; a line appended before it is
-  // not sent. Append one line at a time until one arrives: it must arrive whole and alone.
-  std::string received = "<timeout>";
-  for (int i = 0; i < 5 && received == "<timeout>"; ++i) {
-    testutil::WriteFile(logs_.File("app.log"), "line " + std::to_string(i) + "\n", true);
-    received = client.Receive();
-  }
-  ASSERT_EQ(received.size(), 8u) << received;
-  EXPECT_EQ(received.substr(0, 5), "line ");
-  EXPECT_EQ(received.substr(6), "\r\n");
+  client.Send("start restart.log\r\n");
+  EXPECT_EQ(client.Receive(), "+OK start transmitting " + logs_.Path() + "/restart.log\r\n");
+  // Appended right after the reply: not old content, so it arrives.
+  testutil::WriteFile(logs_.File("restart.log"), "new line\n", true);
+  EXPECT_EQ(client.Receive(), "new line\r\n");
   client.Send("quit\r\n");
   EXPECT_EQ(client.Receive(), "+OK closing connection\r\n");
   EXPECT_EQ(client.Receive(), "<closed>");

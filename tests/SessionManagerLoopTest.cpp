@@ -282,7 +282,7 @@ class SessionManagerLoopTest : public ::testing::Test {
 
   SessionManager manager_;
   int32_t saved_max_days_ = 0;
-  int32_t saved_max_size_ = 0;
+  int64_t saved_max_size_ = 0;
 };
 
 // ---- Serving sessions ----

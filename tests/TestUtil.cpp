@@ -1,6 +1,7 @@
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -92,7 +93,7 @@ LoopbackListener::~LoopbackListener() {
 int FreePort() { return LoopbackListener().Port(); }
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
-                           const std::string& working_dir) {
+                           const std::string& working_dir, const std::string& output_file) {
   std::vector<std::string> argv_text;
   argv_text.push_back(program);
   argv_text.insert(argv_text.end(), args.begin(), args.end());
@@ -102,6 +103,11 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   pid_ = ::fork();
   if (pid_ == 0) {
     if (!working_dir.empty() && ::chdir(working_dir.c_str()) != 0) _exit(126);
+    if (!output_file.empty()) {
+      const int fd = ::open(output_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (fd < 0 || ::dup2(fd, 1) < 0 || ::dup2(fd, 2) < 0) _exit(126);
+      ::close(fd);
+    }
     ::execv(program.c_str(), argv.data());
     _exit(127);
   }

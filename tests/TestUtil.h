@@ -63,8 +63,9 @@ int FreePort();
 // reaps it, unless it has already been reaped.
 class ChildProcess {
  public:
+  // With an output file, the child's standard output and error are written to it.
   ChildProcess(const std::string& program, const std::vector<std::string>& args,
-               const std::string& working_dir = "");
+               const std::string& working_dir = "", const std::string& output_file = "");
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
