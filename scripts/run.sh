@@ -54,11 +54,7 @@ cleanup() {
   fi
   echo
   echo "==> Stopped. The daemon's own log: $demo/Norvane.log"
-  echo "    To serve this machine's real logs, write a Norvane.cf beside norvaned with"
-  echo "      DocumentRoot=/var/log   (and a Password of your own), start it, then run"
-  echo "      NORVANE_PASSWORD=... build/norvane list"
-  echo "      NORVANE_PASSWORD=... build/norvane tail syslog"
-  echo "    (see README.md, 'Running norvaned')."
+  echo "    To follow this machine's own logs, see README.md, 'Following this machine's own logs'."
 }
 trap cleanup EXIT
 trap 'exit 0' INT TERM
