@@ -80,6 +80,17 @@ TEST_F(LogTailTest, StartSendsNothingThenAppendsArriveExactlyOnceAtNextPoll) {
   EXPECT_EQ(std::vector<std::string>{}, Logged());
 }
 
+TEST_F(LogTailTest, FileLargerThanFourGibibytesIsFollowedAtItsEnd) {
+  constexpr off_t kSize = off_t{5} << 30;  // sparse: no disk is used
+  testutil::WriteFile(path_, "");
+  ASSERT_EQ(0, ::truncate(path_.c_str(), kSize));
+  StartAtEnd();
+  EXPECT_EQ(kSize, tail_.GetOffset());
+  Append("x\n");
+  EXPECT_EQ("x\r\n", tail_.Poll());
+  EXPECT_EQ(kSize + 2, tail_.GetOffset());
+}
+
 TEST_F(LogTailTest, StartOnEmptyFileSendsEverythingAppendedAfterward) {
   testutil::WriteFile(path_, "");
   StartAtEnd();
