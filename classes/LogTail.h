@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Every byte of the file is returned exactly once, in order. The file stays open between polls;
@@ -47,6 +48,9 @@ class LogTail final {
   // File bytes returned so far from the open file (its read position).
   off_t GetOffset() const { return offset_; }
 
+  // raw with every "\n" that does not follow a "\r" turned into "\r\n"; *after_cr says whether
+  // the byte before raw was a "\r" and is updated to raw's last byte.
+  static std::string ToDos(std::string_view raw, bool* after_cr);
   // Cuts data into consecutive pieces of at most max bytes (max > 0); none for "".
   static std::vector<std::string> SplitReplies(const std::string& data, std::size_t max);
 

@@ -276,11 +276,13 @@ void Blowfish::BF_De(Word* left, Word* right) const {
   *right = l;
 }
 
-void Blowfish::Encrypt(std::string& data) const {
-  const std::size_t remainder = data.size() % 8;
+void Blowfish::Encrypt(std::string& data) const { Encrypt(data, 0); }
+
+void Blowfish::Encrypt(std::string& data, std::size_t offset) const {
+  const std::size_t remainder = (data.size() - offset) % 8;
   if (remainder != 0) data.append(8 - remainder, '\x01');
   unsigned char* const bytes = Bytes(data);
-  for (std::size_t i = 0; i < data.size(); i += 8) {
+  for (std::size_t i = offset; i < data.size(); i += 8) {
     Word left = LoadWord(bytes + i);
     Word right = LoadWord(bytes + i + 4);
     BF_En(&left, &right);

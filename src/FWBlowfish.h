@@ -39,6 +39,9 @@ class Blowfish {
   // Pads data with 0x01 bytes to a multiple of 8 (none when it already is one, so the empty
   // string stays empty) and enciphers it in place, block by block.
   void Encrypt(std::string& data) const;
+  // The same for the part of data from offset on (padded and enciphered); the bytes before it
+  // stay as they are.
+  void Encrypt(std::string& data, std::size_t offset) const;
   // Deciphers every whole block in place (a shorter tail is left as it is), then cuts the data to
   // `length` bytes or extends it with zero bytes.
   void Decrypt(std::string& data, unsigned length) const;

@@ -17,7 +17,6 @@ namespace {
 constexpr const char* kSource = "MonitoringSession";
 constexpr const char* kDeflateOperation = "ProxySession::Deflate";
 constexpr const char* kInflateOperation = "ProxySession::Inflate";
-constexpr const char* kCleanupOperation = "ProxySession::CleanupCompression";
 constexpr int kLevel = 1;  // fastest: frames are made on the service thread on every poll
 // Output grows from this size; zlib's counters are 32-bit, so input and output are handed over in
 // pieces of at most kMaxPiece bytes.
@@ -56,38 +55,42 @@ std::size_t ProvideOutput(z_stream& z, std::string& out, std::size_t out_pos, st
   return room;
 }
 
-// Owns a deflate stream; End() reports deflateEnd's result, the destructor only releases.
+// Owns a deflate stream that is reset for every message instead of being made anew: a fresh
+// stream costs more than compressing a typical message (zlib clears its tables on every init).
+// A reset stream produces exactly the bytes a fresh one would.
 class DeflateStream {
  public:
   DeflateStream() {
     const int result = deflateInit(&z_, kLevel);
     if (result != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflateInit: ", result);
   }
-  ~DeflateStream() {
-    if (open_) deflateEnd(&z_);
-  }
+  ~DeflateStream() { deflateEnd(&z_); }
   DeflateStream(const DeflateStream&) = delete;
   DeflateStream& operator=(const DeflateStream&) = delete;
 
-  // All of input as compressed data, ended by a sync flush point and then the final block.
-  std::string Compress(std::string_view input);
-
-  void End() {
-    open_ = false;
-    const int result = deflateEnd(&z_);
-    if (result != Z_OK) ThrowZlib(__LINE__, kCleanupOperation, "deflateEnd: ", result);
+  // The stream of this thread: frames are made on one thread at a time per codec, and one stream
+  // a thread serves every codec on it.
+  static DeflateStream& OfThisThread() {
+    thread_local DeflateStream stream;
+    return stream;
   }
+
+  // Appends all of input to out as one complete zlib stream: the compressed data, a sync flush
+  // point, then the final block.
+  void Compress(std::string_view input, std::string& out);
 
  private:
   z_stream z_{};
-  bool open_ = true;
 };
 
-std::string DeflateStream::Compress(std::string_view input) {
-  // Room for the whole stream in most cases: the bound plus the sync flush marker.
-  std::string out(deflateBound(&z_, input.size()) + 16, '\0');
+void DeflateStream::Compress(std::string_view input, std::string& out) {
+  const int reset = deflateReset(&z_);
+  if (reset != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflateInit: ", reset);
+  z_.avail_in = 0;  // a message that failed may have left input behind
   std::size_t in_pos = 0;
-  std::size_t out_pos = 0;
+  std::size_t out_pos = out.size();
+  // Room for the whole stream in most cases: the bound plus the sync flush marker.
+  out.resize(out_pos + deflateBound(&z_, input.size()) + 16);
   int flush = Z_NO_FLUSH;
   for (;;) {
     if (flush != Z_FINISH) {
@@ -104,42 +107,42 @@ std::string DeflateStream::Compress(std::string_view input) {
     if (flush == Z_SYNC_FLUSH && z_.avail_in == 0 && z_.avail_out != 0) flush = Z_FINISH;
   }
   out.resize(out_pos);
-  return out;
 }
 
-// Owns an inflate stream; End() reports inflateEnd's result, the destructor only releases.
+// Owns an inflate stream that is reset for every message, like DeflateStream.
 class InflateStream {
  public:
   InflateStream() {
     const int result = inflateInit(&z_);
     if (result != Z_OK) ThrowZlib(__LINE__, kInflateOperation, "inflateInit: ", result);
   }
-  ~InflateStream() {
-    if (open_) inflateEnd(&z_);
-  }
+  ~InflateStream() { inflateEnd(&z_); }
   InflateStream(const InflateStream&) = delete;
   InflateStream& operator=(const InflateStream&) = delete;
+
+  static InflateStream& OfThisThread() {
+    thread_local InflateStream stream;
+    return stream;
+  }
 
   // Decompresses input into *out; false as soon as the output exceeds max_output bytes.
   bool Decompress(std::string_view input, std::size_t max_output, std::string* out);
 
-  void End() {
-    open_ = false;
-    const int result = inflateEnd(&z_);
-    if (result != Z_OK) ThrowZlib(__LINE__, kCleanupOperation, "inflateEnd: ", result);
-  }
-
  private:
   z_stream z_{};
-  bool open_ = true;
 };
 
 bool InflateStream::Decompress(std::string_view input, std::size_t max_output, std::string* out) {
   // One byte past the limit is room enough to notice that the limit is passed.
   const std::size_t cap =
       max_output == std::numeric_limits<std::size_t>::max() ? max_output : max_output + 1;
+  const int reset = inflateReset(&z_);
+  if (reset != Z_OK) ThrowZlib(__LINE__, kInflateOperation, "inflateInit: ", reset);
+  z_.avail_in = 0;
   std::size_t in_pos = 0;
   std::size_t out_pos = 0;
+  // Log text compresses about four to one; the output grows when it needs more.
+  out->resize(std::min(cap, input.size() * 4 + 64));
   for (;;) {
     const bool input_left = FeedInput(z_, input, in_pos);
     const std::size_t room = ProvideOutput(z_, *out, out_pos, cap);
@@ -155,12 +158,9 @@ bool InflateStream::Decompress(std::string_view input, std::size_t max_output, s
   return true;
 }
 
-// One complete zlib stream for non-empty input; nothing for empty input.
-std::string Compressed(std::string_view input) {
-  DeflateStream stream;
-  std::string compressed = input.empty() ? std::string() : stream.Compress(input);
-  stream.End();
-  return compressed;
+// Appends one complete zlib stream for non-empty input to out; nothing for empty input.
+void AppendCompressed(std::string_view input, std::string& out) {
+  if (!input.empty()) DeflateStream::OfThisThread().Compress(input, out);
 }
 
 std::uint32_t ReadBigEndian(const char* p) {
@@ -177,18 +177,17 @@ bool IsSyncMarker(const char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 &&
 FWFeedCodec::FWFeedCodec(std::size_t frame_limit, std::size_t message_limit)
     : cipher_(kFeedKey), frame_limit_(frame_limit), message_limit_(message_limit) {}
 
+// The message is compressed straight behind the header and enciphered in place: one buffer.
 std::string FWFeedCodec::Frame(const std::string& message) const {
-  std::string body = Compressed(message);
-  if (body.size() > std::numeric_limits<std::uint32_t>::max()) {
+  std::string frame(kHeaderSize, '\0');
+  AppendCompressed(message, frame);
+  const std::size_t body_size = frame.size() - kHeaderSize;
+  if (body_size > std::numeric_limits<std::uint32_t>::max()) {
     throw FWESizeExceeded(kSource, __LINE__, std::string("frame over 4294967295 bytes"));
   }
-  const auto length = static_cast<std::uint32_t>(body.size());
-  cipher_.Encrypt(body);
-  std::string frame;
-  frame.reserve(kHeaderSize + body.size());
-  frame.append(4, '\0');
-  for (int shift = 24; shift >= 0; shift -= 8) frame.push_back(static_cast<char>(length >> shift));
-  frame += body;
+  const auto length = static_cast<std::uint32_t>(body_size);
+  for (int i = 0; i < 4; ++i) frame[4 + i] = static_cast<char>(length >> (24 - 8 * i));
+  cipher_.Encrypt(frame, kHeaderSize);
   return frame;
 }
 
@@ -239,7 +238,11 @@ void FWFeedCodec::Compact() {
   if (buffer_.empty() && buffer_.capacity() > kKeptCapacity) std::string().swap(buffer_);
 }
 
-void FWFeedCodec::Deflate(std::string& data) { data = Compressed(data); }
+void FWFeedCodec::Deflate(std::string& data) {
+  std::string compressed;
+  AppendCompressed(data, compressed);
+  data = std::move(compressed);
+}
 
 void FWFeedCodec::Inflate(std::string& data, std::size_t max_output) {
   if (!InflateWithin(data, max_output)) {
@@ -249,10 +252,9 @@ void FWFeedCodec::Inflate(std::string& data, std::size_t max_output) {
 }
 
 bool FWFeedCodec::InflateWithin(std::string& data, std::size_t max_output) {
-  InflateStream stream;
+  if (data.empty()) return true;
   std::string text;
-  if (!data.empty() && !stream.Decompress(data, max_output, &text)) return false;
-  stream.End();
+  if (!InflateStream::OfThisThread().Decompress(data, max_output, &text)) return false;
   data = std::move(text);
   return true;
 }

@@ -213,15 +213,24 @@ std::string FWStringUtils::Unquote(const std::string& s) {
   return s.substr(1, s.size() - 2);
 }
 
+// Builds the result in one pass: replacing in place would move the rest of the text at every
+// occurrence, quadratic in a long text with many line ends.
 int FWStringUtils::ReplaceAll(std::string& s, const std::string& from, const std::string& to) {
   if (from.empty()) return 0;
-  int count = 0;
   std::size_t pos = s.find(from);
-  while (pos != std::string::npos) {
-    s.replace(pos, from.size(), to);
+  if (pos == std::string::npos) return 0;
+  int count = 0;
+  std::string result;
+  result.reserve(to.size() > from.size() ? s.size() + s.size() / 8 : s.size());
+  std::size_t start = 0;
+  for (; pos != std::string::npos; pos = s.find(from, start)) {
+    result.append(s, start, pos - start);
+    result += to;
+    start = pos + from.size();
     ++count;
-    pos = s.find(from, pos + to.size());
   }
+  result.append(s, start, std::string::npos);
+  s.swap(result);
   return count;
 }
 

@@ -1,0 +1,161 @@
+// Micro-benchmarks of the feed's per-byte work: framing (compress + encipher) against the bare
+// cost of zlib level 1 plus Blowfish on the same bytes, decoding, the line-end conversions, and
+// our Blowfish against OpenSSL's. Run on demand (scripts/bench.sh), never in CI; compare the
+// rows of one run with each other, not with another machine's.
+#include <cstring>
+#include <random>
+#include <string>
+
+#include <benchmark/benchmark.h>
+#include <openssl/blowfish.h>
+#include <zlib.h>
+
+#include "FWBlowfish.h"
+#include "FWFeedCodec.h"
+#include "FWStringUtils.h"
+#include "LogTail.h"
+
+#ifdef NORVANE_BENCH_LIBDEFLATE
+#include <libdeflate.h>
+#endif
+
+namespace {
+
+// Log-like text: stamped lines of varying words and numbers, compressing about as real logs do.
+std::string LogText(std::size_t size) {
+  static const char* const kWords[] = {"GET", "POST", "/index.html", "/api/v1/items",
+                                       "200", "404",  "served",      "in",
+                                       "ms",  "user", "session",     "cache"};
+  std::mt19937 random(42);
+  std::string text;
+  while (text.size() < size) {
+    text += "2026-11-23 11:" + std::to_string(random() % 60) + ":" + std::to_string(random() % 60) +
+            " web[" + std::to_string(random() % 9000) + "]:";
+    for (int i = 0; i < 8; ++i) {
+      text += ' ';
+      text += kWords[random() % 12];
+    }
+    text += ' ' + std::to_string(random() % 100000) + "\n";
+  }
+  text.resize(size);
+  return text;
+}
+
+void SetBytes(benchmark::State& state, std::size_t size) {
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
+}
+
+void BM_Frame(benchmark::State& state) {
+  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const FWFeedCodec codec(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit);
+  for (auto _ : state) benchmark::DoNotOptimize(codec.Frame(text));
+  SetBytes(state, text.size());
+}
+
+// The limit a frame cannot beat: one zlib level-1 compression of the text into a ready buffer,
+// then Blowfish over the result.
+void BM_ZlibBlowfishLimit(benchmark::State& state) {
+  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const Blowfish cipher(FWFeedCodec::kFeedKey);
+  std::string out(compressBound(text.size()) + 8, '\0');
+  for (auto _ : state) {
+    uLongf size = out.size();
+    compress2(reinterpret_cast<Bytef*>(out.data()), &size,
+              reinterpret_cast<const Bytef*>(text.data()), text.size(), 1);
+    std::string body(out.data(), size);
+    cipher.Encrypt(body);
+    benchmark::DoNotOptimize(body);
+  }
+  SetBytes(state, text.size());
+}
+
+#ifdef NORVANE_BENCH_LIBDEFLATE
+// The alternative compressor: libdeflate's whole-buffer zlib format at level 1, plus Blowfish.
+void BM_LibdeflateBlowfish(benchmark::State& state) {
+  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const Blowfish cipher(FWFeedCodec::kFeedKey);
+  libdeflate_compressor* compressor = libdeflate_alloc_compressor(1);
+  std::string out(libdeflate_zlib_compress_bound(compressor, text.size()) + 8, '\0');
+  for (auto _ : state) {
+    const std::size_t size =
+        libdeflate_zlib_compress(compressor, text.data(), text.size(), out.data(), out.size());
+    std::string body(out.data(), size);
+    cipher.Encrypt(body);
+    benchmark::DoNotOptimize(body);
+  }
+  libdeflate_free_compressor(compressor);
+  SetBytes(state, text.size());
+}
+BENCHMARK(BM_LibdeflateBlowfish)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
+#endif
+
+// The client's side: reassemble, decipher and inflate frames of the given size.
+void BM_Decode(benchmark::State& state) {
+  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string frame =
+      FWFeedCodec(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit).Frame(text);
+  FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
+  std::string message;
+  for (auto _ : state) {
+    codec.Append(frame);
+    codec.Next(&message);
+    benchmark::DoNotOptimize(message);
+  }
+  SetBytes(state, text.size());
+}
+
+// The daemon's "\n" to "\r\n" conversion of what it reads, and the client's way back.
+void BM_ToDos(benchmark::State& state) {
+  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    bool after_cr = false;
+    benchmark::DoNotOptimize(LogTail::ToDos(text, &after_cr));
+  }
+  SetBytes(state, text.size());
+}
+
+void BM_Convert2Unix(benchmark::State& state) {
+  bool after_cr = false;
+  const std::string text =
+      LogTail::ToDos(LogText(static_cast<std::size_t>(state.range(0))), &after_cr);
+  for (auto _ : state) benchmark::DoNotOptimize(FWStringUtils::Convert2Unix(text));
+  SetBytes(state, text.size());
+}
+
+void BM_BlowfishOurs(benchmark::State& state) {
+  const Blowfish cipher(FWFeedCodec::kFeedKey);
+  std::string data(static_cast<std::size_t>(state.range(0)), 'x');
+  for (auto _ : state) {
+    cipher.Encrypt(data);
+    benchmark::DoNotOptimize(data);
+  }
+  SetBytes(state, data.size());
+}
+
+// OpenSSL's Blowfish in ECB mode over the same bytes (its byte order differs; the work does not).
+void BM_BlowfishOpenSSL(benchmark::State& state) {
+  BF_KEY key;
+  BF_set_key(&key, static_cast<int>(std::strlen(FWFeedCodec::kFeedKey)),
+             reinterpret_cast<const unsigned char*>(FWFeedCodec::kFeedKey));
+  std::string data(static_cast<std::size_t>(state.range(0)), 'x');
+  for (auto _ : state) {
+    auto* bytes = reinterpret_cast<unsigned char*>(data.data());
+    for (std::size_t i = 0; i < data.size(); i += 8) {
+      BF_ecb_encrypt(bytes + i, bytes + i, &key, BF_ENCRYPT);
+    }
+    benchmark::DoNotOptimize(data);
+  }
+  SetBytes(state, data.size());
+}
+
+}  // namespace
+
+BENCHMARK(BM_Frame)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
+BENCHMARK(BM_ZlibBlowfishLimit)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
+BENCHMARK(BM_Decode)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
+BENCHMARK(BM_ToDos)->Arg(1 << 20);
+BENCHMARK(BM_Convert2Unix)->Arg(1 << 20);
+BENCHMARK(BM_BlowfishOurs)->Arg(1 << 20);
+BENCHMARK(BM_BlowfishOpenSSL)->Arg(1 << 20);
+
+BENCHMARK_MAIN();
