@@ -218,9 +218,9 @@ struct Settings {
   bool keep = false;
   double a_mb = 200, a_seconds = 60;  // volume, and the most time spent writing it
   std::vector<int> b_clients{1, 10, 100};
-  double b_rate = 1, b_seconds = 10;  // MB/s (bytes/s once parsed) into the one file, how long
+  double b_rate = 1, seconds = 10;  // MB/s (bytes/s once parsed) of b's file; length of b and c
   int c_files = 200, c_per_client = 20;
-  double c_rate = 10, c_seconds = 10;  // KB/s (bytes/s once parsed) into each file
+  double c_rate = 10;                  // KB/s (bytes/s once parsed) into each file
   double f_rate = 20, f_seconds = 10;  // lines/s
   double drain = 120;                  // the longest wait for clients to catch up
   double limit_mb = 256;               // volume of the in-process zlib + Blowfish limit
@@ -264,7 +264,8 @@ class Run {
       const std::string path = dir_ + "/logs/" + name;
       const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
       if (fd < 0) throw Failure("cannot create " + path);
-      files_.push_back(LogFile{name, std::make_unique<Fd>(fd), {}, (i * 7919UL) % pool.size()});
+      const std::size_t at = pool.find('\n', (i * 7919UL) % pool.size()) + 1;  // a line start
+      files_.push_back(LogFile{name, std::make_unique<Fd>(fd), {}, at == pool.size() ? 0 : at});
     }
     StartDaemon();
   }
@@ -280,8 +281,8 @@ class Run {
 
   pid_t Daemon() const { return daemon_->Pid(); }
 
-  // Starts clients in batches of about ten connections, client k following `per_client` files from file
-  // k * per_client on (modulo the count), and waits until every one has reported "following"
+  // Starts clients in batches of about ten connections, client k following `per_client` files from
+  // file k * per_client on (modulo the count), and waits until every one has reported "following"
   // for each of its files.
   void AddClients(int count, int per_client) {
     for (int started = 0; started < count;) {
@@ -329,29 +330,22 @@ class Run {
     for (const LogFile& file : files_) total += file.written.bytes;
     return total;
   }
-  // The least any source of any client has received.
-  unsigned long long LeastDelivered() const {
-    unsigned long long least = ~0ULL;
-    for (const Client& client : clients_) {
-      for (const Source& source : client.sources) least = std::min(least, source.got.bytes);
-    }
-    return least;
-  }
-  bool AllDelivered() const {
+  // The bytes written that clients have not printed yet, summed over every client and file.
+  unsigned long long Shortfall() const {
+    unsigned long long missing = 0;
     for (const Client& client : clients_) {
       for (const Source& source : client.sources) {
-        if (source.got.bytes < files_[static_cast<std::size_t>(source.file)].written.bytes) {
-          return false;
-        }
+        const unsigned long long want = files_[static_cast<std::size_t>(source.file)].written.bytes;
+        missing += want - std::min(want, source.got.bytes);
       }
     }
-    return true;
+    return missing;
   }
   // Reads until every client has what was written (or the drain bound passes); the time of the
   // last byte. Never throws for a shortfall: Finish() says what is missing.
   double Drain() {
     const double end = Now() + settings_.drain;
-    while (!AllDelivered() && Now() < end) Pump(0.01);
+    while (Shortfall() > 0 && Now() < end) Pump(0.01);
     return Now();
   }
   double ClientCpu() const {
@@ -362,7 +356,7 @@ class Run {
 
   // Stops every client (SIGTERM: it says stop and quit and writes what arrived), reads their
   // output to the end and checks every source against what was written. Loud and throwing on a
-  // lost, repeated or altered byte, or a client that did not exit with 0.
+  // lost, repeated or altered byte, or a client or daemon that did not exit with 0 on SIGTERM.
   void Finish(const std::string& label) {
     for (Client& client : clients_) {
       client.stopping = true;
@@ -400,10 +394,50 @@ class Run {
         }
       }
     }
+    if (const int status = daemon_->Stop(); !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      problems += "\n  norvaned ended with status " + std::to_string(status) + " on SIGTERM";
+    }
     if (!problems.empty()) {
       throw Failure("case " + label + ": DELIVERY CHECK FAILED (" + std::to_string(lost) +
                     " short, " + std::to_string(extra) + " long, " + std::to_string(altered) +
                     " altered sources)" + problems);
+    }
+  }
+
+  // One pass: waits up to `seconds` for client output and takes all of it. A client whose
+  // output ends before it was asked to stop is a failure.
+  void Pump(double seconds) {
+    CheckInterrupt();
+    std::vector<pollfd> fds;
+    std::vector<std::pair<Client*, bool>> owners;  // (client, standard output?)
+    for (Client& client : clients_) {
+      if (!client.out_eof)
+        fds.push_back({client.out->fd, POLLIN, 0}), owners.push_back({&client, true});
+      if (!client.err_eof)
+        fds.push_back({client.err->fd, POLLIN, 0}), owners.push_back({&client, false});
+    }
+    if (fds.empty()) {
+      usleep(static_cast<useconds_t>(seconds * 1e6));
+      return;
+    }
+    if (poll(fds.data(), fds.size(), static_cast<int>(std::ceil(seconds * 1000))) <= 0) return;
+    static std::vector<char> buffer(1 << 18);
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+      if (fds[i].revents == 0) continue;
+      Client& client = *owners[i].first;
+      const bool is_out = owners[i].second;
+      const ssize_t n = read(fds[i].fd, buffer.data(), buffer.size());
+      if (n > 0) {
+        if (is_out) OnOut(client, buffer.data(), static_cast<std::size_t>(n));
+        if (!is_out) OnErr(client, buffer.data(), static_cast<std::size_t>(n));
+        continue;
+      }
+      if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+      (is_out ? client.out_eof : client.err_eof) = true;
+      if (!client.stopping) {
+        throw Failure("a norvane client ended by itself (pid " +
+                      std::to_string(client.proc->Pid()) + "):\n  " + client.err_text);
+      }
     }
   }
 
@@ -451,9 +485,12 @@ class Run {
     for (const double end = Now() + 15;
          ReadFile(dir_ + "/Norvane.log").find(" listening on ") == std::string::npos;) {
       CheckInterrupt();
-      if (!daemon_->Running() || Now() > end) {
-        throw Failure("norvaned did not start listening within 15 s:\n" +
-                      ReadFile(dir_ + "/daemon.out"));
+      if (!daemon_->Running()) {
+        throw Failure("norvaned ended at start (status " + std::to_string(daemon_->Stop()) +
+                      "):\n" + ReadFile(dir_ + "/daemon.out"));
+      }
+      if (Now() > end) {
+        throw Failure("norvaned not listening after 15 s:\n" + ReadFile(dir_ + "/daemon.out"));
       }
       usleep(20000);
     }
@@ -547,44 +584,6 @@ class Run {
     client.err_line.erase(0, start);
   }
 
- public:
-  // One pass: waits up to `seconds` for client output and takes all of it. A client whose
-  // output ends before it was asked to stop is a failure.
-  void Pump(double seconds) {
-    CheckInterrupt();
-    std::vector<pollfd> fds;
-    std::vector<std::pair<Client*, bool>> owners;  // (client, standard output?)
-    for (Client& client : clients_) {
-      if (!client.out_eof)
-        fds.push_back({client.out->fd, POLLIN, 0}), owners.push_back({&client, true});
-      if (!client.err_eof)
-        fds.push_back({client.err->fd, POLLIN, 0}), owners.push_back({&client, false});
-    }
-    if (fds.empty()) {
-      usleep(static_cast<useconds_t>(seconds * 1e6));
-      return;
-    }
-    if (poll(fds.data(), fds.size(), static_cast<int>(std::ceil(seconds * 1000))) <= 0) return;
-    static std::vector<char> buffer(1 << 18);
-    for (std::size_t i = 0; i < fds.size(); ++i) {
-      if (fds[i].revents == 0) continue;
-      Client& client = *owners[i].first;
-      const bool is_out = owners[i].second;
-      const ssize_t n = read(fds[i].fd, buffer.data(), buffer.size());
-      if (n > 0) {
-        if (is_out) OnOut(client, buffer.data(), static_cast<std::size_t>(n));
-        if (!is_out) OnErr(client, buffer.data(), static_cast<std::size_t>(n));
-        continue;
-      }
-      if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-      (is_out ? client.out_eof : client.err_eof) = true;
-      if (!client.stopping) {
-        throw Failure("a norvane client ended by itself (pid " +
-                      std::to_string(client.proc->Pid()) + "):\n  " + client.err_text);
-      }
-    }
-  }
-
  private:
   const Settings& settings_;
   const std::string& pool_;
@@ -624,7 +623,7 @@ void CaseOneClient(const Settings& s, const std::string& pool, double limit_per_
   const double daemon0 = CpuSeconds(run.Daemon()), client0 = run.ClientCpu(), start = Now();
   const auto volume = static_cast<unsigned long long>(s.a_mb * 1e6);
   while (run.Written() < volume && Now() - start < s.a_seconds) {
-    if (run.Written() - run.LeastDelivered() < (32ULL << 20)) {
+    if (run.Shortfall() < (32ULL << 20)) {
       run.Write(0, std::min<unsigned long long>(1 << 20, volume - run.Written()));
       run.Pump(0);
     } else {
@@ -656,11 +655,11 @@ void CaseManyClients(const Settings& s, const std::string& pool, bool b, bool d)
   double base = 0;
   for (const int n : counts) {
     Note("b/d: " + std::to_string(n) + " client(s) on one file at " + Fixed(s.b_rate / 1e6, 2) +
-         " MB/s for " + Fixed(s.b_seconds, 0) + " s");
+         " MB/s for " + Fixed(s.seconds, 0) + " s");
     Run run(s, pool, 1, false);
     run.AddClients(n, 1);
-    const double daemon0 = CpuSeconds(run.Daemon()), start = Now();
-    run.WritePaced(s.b_rate, s.b_seconds);
+    const double daemon0 = CpuSeconds(run.Daemon());
+    run.WritePaced(s.b_rate, s.seconds);
     const double written = Now(), end = run.Drain();
     const double daemon = CpuSeconds(run.Daemon()) - daemon0;
     const double peak = StatusMiB(run.Daemon(), "VmHWM");
@@ -686,7 +685,6 @@ void CaseManyClients(const Settings& s, const std::string& pool, bool b, bool d)
       rows.push_back({"d", "N=" + std::to_string(n) + ": daemon VmRSS 2 s after the drain",
                       Fixed(drained, 1, " MiB"), "< 16 MiB"});
     }
-    (void)start;
   }
 }
 
@@ -694,12 +692,12 @@ void CaseManyClients(const Settings& s, const std::string& pool, bool b, bool d)
 void CaseManyFiles(const Settings& s, const std::string& pool, double limit_per_gb) {
   const int clients = (s.c_files + s.c_per_client - 1) / s.c_per_client;
   Note("c: " + std::to_string(s.c_files) + " files at " + Fixed(s.c_rate / 1e3, 0) +
-       " KB/s each for " + Fixed(s.c_seconds, 0) + " s, " + std::to_string(clients) +
+       " KB/s each for " + Fixed(s.seconds, 0) + " s, " + std::to_string(clients) +
        " client(s) of " + std::to_string(s.c_per_client) + " files");
   Run run(s, pool, s.c_files, false);
   run.AddClients(clients, s.c_per_client);
   const double daemon0 = CpuSeconds(run.Daemon());
-  run.WritePaced(s.c_rate, s.c_seconds);
+  run.WritePaced(s.c_rate, s.seconds);
   run.Drain();
   const double daemon = CpuSeconds(run.Daemon()) - daemon0;
   const double gb = static_cast<double>(run.Written()) / 1e9;
@@ -768,12 +766,12 @@ std::vector<int> Numbers(const std::string& text) {
 void Parse(int argc, char** argv, Settings* s) {
   std::map<std::string, double*> numbers{
       {"--a-mb", &s->a_mb},           {"--a-seconds", &s->a_seconds}, {"--b-rate", &s->b_rate},
-      {"--seconds", &s->b_seconds},   {"--c-rate", &s->c_rate},       {"--f-rate", &s->f_rate},
+      {"--seconds", &s->seconds},     {"--c-rate", &s->c_rate},       {"--f-rate", &s->f_rate},
       {"--f-seconds", &s->f_seconds}, {"--drain", &s->drain},         {"--limit-mb", &s->limit_mb}};
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--quick") {
-      s->a_mb = 20, s->a_seconds = 15, s->b_seconds = 3, s->c_seconds = 4, s->f_seconds = 4;
+      s->a_mb = 20, s->a_seconds = 15, s->seconds = 4, s->f_seconds = 4;
       s->drain = 40, s->limit_mb = 32;
       continue;
     }
@@ -808,7 +806,6 @@ void Parse(int argc, char** argv, Settings* s) {
   }
   if (s->c_files < 1 || s->c_per_client < 1) throw std::invalid_argument("--files must be >= 1");
   s->b_rate *= 1e6, s->c_rate *= 1e3;
-  s->c_seconds = s->b_seconds;
 }
 
 std::string Machine() {
