@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -49,17 +50,12 @@ struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-double Now() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
 long long NowNs() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
+double Now() { return static_cast<double>(NowNs()) * 1e-9; }
 
 void CheckInterrupt() {
   if (interrupted) throw Failure("interrupted");
@@ -106,8 +102,8 @@ class Child {
     pid_ = fork();
     if (pid_ < 0) throw Failure(std::string("fork: ") + std::strerror(errno));
     if (pid_ == 0) {
-      signal(SIGINT, SIG_DFL);
-      signal(SIGTERM, SIG_DFL);
+      prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the bench, even a killed one
+      signal(SIGPIPE, SIG_DFL);          // the bench ignores it; exec would pass that on
       dup2(out_fd, 1);
       dup2(err_fd, 2);
       execv(args[0], args.data());
@@ -878,11 +874,14 @@ int main(int argc, char** argv) {
 
   std::printf("\nFeed load, %s; load average %s before, %s after\n", machine.c_str(),
               load_before.c_str(), Load().c_str());
-  std::printf("%-4s %-78s %-20s %s\n", "case", "figure", "value", "target");
+  std::printf("%-4s %-72s %-24s %s\n", "case", "figure", "value", "target");
   for (const Row& row : rows) {
-    std::printf("%-4s %-78s %-20s %s\n", row.id.c_str(), row.figure.c_str(), row.value.c_str(),
+    std::printf("%-4s %-72s %-24s %s\n", row.id.c_str(), row.figure.c_str(), row.value.c_str(),
                 row.target.c_str());
   }
+  std::printf(
+      "CPU: utime + stime from /proc/<pid>/stat in ticks of %.0f ms; short runs are coarse.\n",
+      1e3 / static_cast<double>(sysconf(_SC_CLK_TCK)));
   std::printf("%s\n", status == 0 ? "Every delivered byte checked: count and CRC-32 match."
                                   : "FAILURES above: the figures of failed cases are missing.");
   return status;
