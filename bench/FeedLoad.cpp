@@ -269,6 +269,11 @@ class Run {
   Run& operator=(const Run&) = delete;
   ~Run() {
     if (std::uncaught_exceptions() > 0) failed_ = true;
+    for (Client& client : clients_) {  // unread pipes would keep a client from ending
+      client.out.reset();
+      client.err.reset();
+      client.proc->Signal(SIGTERM);
+    }
     for (Client& client : clients_) client.proc.reset();
     daemon_.reset();
     if (!settings_.keep && !failed_) fs::remove_all(dir_);
@@ -364,6 +369,12 @@ class Run {
       Pump(0.01);
     }
     std::string problems;
+    for (Client& client : clients_) {
+      if (client.out_eof && client.err_eof) continue;
+      problems +=
+          "\n  pid " + std::to_string(client.proc->Pid()) + " still writes 15 s after SIGTERM";
+      client.proc->Signal(SIGKILL);
+    }
     int lost = 0, extra = 0, altered = 0;
     for (std::size_t c = 0; c < clients_.size(); ++c) {
       Client& client = clients_[c];
@@ -394,8 +405,8 @@ class Run {
       problems += "\n  norvaned ended with status " + std::to_string(status) + " on SIGTERM";
     }
     if (!problems.empty()) {
-      throw Failure("case " + label + ": DELIVERY CHECK FAILED (" + std::to_string(lost) +
-                    " short, " + std::to_string(extra) + " long, " + std::to_string(altered) +
+      throw Failure("case " + label + ": CHECK FAILED (" + std::to_string(lost) + " short, " +
+                    std::to_string(extra) + " long, " + std::to_string(altered) +
                     " altered sources)" + problems);
     }
   }
@@ -483,10 +494,11 @@ class Run {
       CheckInterrupt();
       if (!daemon_->Running()) {
         throw Failure("norvaned ended at start (status " + std::to_string(daemon_->Stop()) +
-                      "):\n" + ReadFile(dir_ + "/daemon.out"));
+                      ", see " + dir_ + "):\n" + ReadFile(dir_ + "/daemon.out"));
       }
       if (Now() > end) {
-        throw Failure("norvaned not listening after 15 s:\n" + ReadFile(dir_ + "/daemon.out"));
+        throw Failure("norvaned not listening after 15 s (see " + dir_ + "):\n" +
+                      ReadFile(dir_ + "/daemon.out"));
       }
       usleep(20000);
     }
@@ -857,7 +869,7 @@ int main(int argc, char** argv) {
       run_case();
     } catch (const Failure& failure) {
       std::fprintf(stderr, "\nFeedLoad: FAILED: %s\n\n", failure.what());
-      rows.push_back({id, "FAILED (see above)", "-", ""});
+      rows.push_back({id, interrupted ? "INTERRUPTED" : "FAILED (see above)", "-", ""});
       status = interrupted ? 130 : 1;
     } catch (const std::exception& error) {
       std::fprintf(stderr, "\nFeedLoad: FAILED: %s\n\n", error.what());
