@@ -50,7 +50,10 @@ void ProxyPort::Validate(std::list<FWNotification>& notifications) const {
   if (incoming_port_.empty()) notifications.push_back(FWMValueRequired("Port"));
 }
 
-void ProxyPort::Close() { ReleaseRunTimeState(); }
+void ProxyPort::Close() {
+  for (ProxySession* session : sessions_) session->Close();
+  ReleaseRunTimeState();
+}
 
 std::string ProxyPort::GetAddressText() const {
   const std::string& server = incoming_server_;
@@ -64,7 +67,8 @@ void ProxyPort::Open() {
     sockaddr_in address{};
     sockets.AddressCreate(address, incoming_server_, incoming_port_, "tcp");
     listening_socket_ = sockets.CreateSocket("tcp");
-    sockets.SetBlocking(listening_socket_, true);
+    // Non-blocking, so that an accept whose connection has gone meanwhile cannot hold the loop.
+    sockets.SetBlocking(listening_socket_, false);
     sockets.Bind(listening_socket_, address);
     sockets.Listen(listening_socket_, static_cast<unsigned>(incoming_connection_count_.Get()));
     LogStream.Log(FWProduct::GetDisplayName() + " listening on " + GetAddressText());
@@ -85,6 +89,8 @@ ProxySession* ProxyPort::SessionOpen(int number) {
     LogStream.Log(e.GetText() + " - closing session", session->GetLogPrefix());
     session->Close();
   }
+  // Nothing was accepted (gone meanwhile, or no descriptor left): the caller decides what to log.
+  if (session->GetAcceptError() != 0) session->Close();
   return session;
 }
 

@@ -46,7 +46,8 @@ class ProxyPort : public FWObject {
   // Appends "Port must not be empty" when IncomingPort is empty. Addresses and names are not
   // compared with those of other ports.
   void Validate(std::list<FWNotification>& notifications) const override;
-  // Deletes every session, empties the list, and closes the listening socket if one is open.
+  // Closes and deletes every session, empties the list, and closes the listening socket if one
+  // is open.
   virtual void Close();
   // Binds IncomingServer:IncomingPort (empty server: all interfaces), listens with
   // IncomingConnectionCount as backlog (null: 5, which is stored), and logs the display name,
@@ -63,7 +64,8 @@ class ProxyPort : public FWObject {
   // Called when the listening socket is readable: creates the session, appends it to the list and
   // calls its Open, which accepts the connection. An FWException from Open is logged as
   // "<text> - closing session" under the session's prefix and the session is closed; it stays in
-  // the list until the manager reaps it. Exceptions from SessionCreate propagate. Returns the
+  // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
+  // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
   // session, which the port owns.
   ProxySession* SessionOpen(int number);
   const SessionList& GetSessions() const { return sessions_; }

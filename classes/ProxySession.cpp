@@ -38,9 +38,13 @@ void ProxySession::Close() {
   open_ = false;
 }
 
+// A failed accept that is normal flow (nothing pending, no descriptor left) leaves the session
+// without a socket and the errno in GetAcceptError(); the concrete session then closes itself.
 void ProxySession::OpenIncoming(int listening) {
   incoming_closed_ = false;
-  incoming_socket_ = FWSocketManager::GetInstance().Accept(listening);
+  const int fd = FWSocketManager::GetInstance().AcceptNonBlocking(listening, accept_error_);
+  if (fd < 0) return;
+  incoming_socket_ = fd;
   start_time_ = std::time(nullptr);
   accept_date_ = FWMIMEParser::MIMETime(start_time_);
   GetPeerInfo(incoming_socket_, incoming_host_, incoming_address_);
@@ -91,17 +95,12 @@ void ProxySession::GetPeerInfo(int socket, std::string& host, std::string& addre
   host.clear();
 }
 
+// No reverse look-up: it would hold the loop for as long as the name server takes.
 void ProxySession::GetSockInfo(int socket, std::string& host, std::string& address) {
-  const FWSocketManager& sockets = FWSocketManager::GetInstance();
   sockaddr_in local{};
-  sockets.AddressOfSocket(local, socket);
+  FWSocketManager::GetInstance().AddressOfSocket(local, socket);
   address = Dotted(local);
-  // The name is for display only: an address without a name must not end the session.
-  try {
-    host = sockets.GetHostByAddress(local);
-  } catch (const FWESocketError&) {
-    host.clear();
-  }
+  host.clear();
 }
 
 void ProxySession::Log(const std::string& text) const { LogStream.Log(text, log_prefix_); }
@@ -171,6 +170,7 @@ int ProxySession::Send(const Side& side) {
     return 0;
   }
   *side.activity = std::time(nullptr);
+  if (side.is_client) incoming_bytes_sent_ += static_cast<std::uint64_t>(count);
   return count;
 }
 

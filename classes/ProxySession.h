@@ -10,6 +10,7 @@
 #define NORVANE_CLASSES_PROXYSESSION_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <string>
 
@@ -51,8 +52,10 @@ class ProxySession {
   // True when the session has nothing more to do; with both send buffers empty it ends the
   // session (CheckFinished).
   virtual bool Finished() = 0;
-  // Accepts the client on the listening socket and records its address, the local address and
-  // name, and the accept time. Throws FWESocketError when the accept or an address query fails.
+  // Accepts the client on the listening socket as a non-blocking socket and records its address,
+  // the local address and the accept time. An accept that finds nothing pending or no descriptor
+  // left leaves the session without a socket and sets GetAcceptError(). Throws FWESocketError
+  // when the accept fails otherwise or an address query fails.
   virtual void OpenIncoming(int listening);
   // Connects (blocking) to server:port. A failure is logged as "Connect to %s:%s failed: " and
   // the error text; it does not propagate, and the session goes on without a server side. An
@@ -75,8 +78,8 @@ class ProxySession {
 
   // The peer's dotted address; host is always set empty.
   static void GetPeerInfo(int socket, std::string& host, std::string& address);
-  // The local dotted address and its reverse look-up. A look-up that fails leaves host empty;
-  // a failing address query throws FWESocketError.
+  // The local dotted address; host is always set empty (no reverse look-up on the loop). A
+  // failing address query throws FWESocketError.
   static void GetSockInfo(int socket, std::string& host, std::string& address);
 
   bool IsOpen() const { return open_; }
@@ -100,6 +103,10 @@ class ProxySession {
   // "Session <number>: ", put before every log line of the session.
   const std::string& GetLogPrefix() const { return log_prefix_; }
   unsigned int GetNumber() const { return number_; }
+  // The errno of an accept that gave no socket; 0 after a successful one.
+  int GetAcceptError() const { return accept_error_; }
+  // Bytes sent to the client so far.
+  std::uint64_t GetIncomingBytesSent() const { return incoming_bytes_sent_; }
   ProxyPort* GetPort() const { return port_; }
 
  protected:
@@ -148,6 +155,8 @@ class ProxySession {
   bool outgoing_closed_ = false;
   std::string outgoing_host_;
   std::time_t outgoing_activity_ = 0;
+  int accept_error_ = 0;
+  std::uint64_t incoming_bytes_sent_ = 0;
   const std::string log_prefix_;
   const unsigned int number_;
   ProxyPort* const port_;

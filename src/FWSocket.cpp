@@ -89,6 +89,22 @@ int FWSocketManager::Accept(int listening) const {
   return fd;
 }
 
+int FWSocketManager::AcceptNonBlocking(int listening, int& error) const {
+  const int fd = ::accept4(listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd >= 0) {
+    error = 0;
+    return fd;
+  }
+  error = errno;
+  const bool nothing_pending = IsTransient(error) || error == ECONNABORTED || error == EPROTO;
+  if (nothing_pending || IsResourceShortage(error)) return -1;
+  throw FWESocketError(kSource, kAcceptLine, "accept", ErrorText(error));
+}
+
+bool FWSocketManager::IsResourceShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 void FWSocketManager::AddressCreate(sockaddr_in& address, const std::string& server,
                                     const std::string& port, const std::string& protocol) const {
   std::memset(&address, 0, sizeof(address));

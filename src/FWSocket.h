@@ -30,6 +30,13 @@ class FWSocketManager final {
   // Accepts one connection on the listening socket; the caller owns the new descriptor. The
   // peer's address is not kept.
   int Accept(int listening) const;
+  // Accepts one connection as a non-blocking, close-on-exec descriptor, which the caller owns.
+  // The failures that belong to normal flow return -1 with their errno in error: nothing pending
+  // (EAGAIN, EINTR, ECONNABORTED, EPROTO) or no descriptor or buffer left (EMFILE, ENFILE,
+  // ENOBUFS, ENOMEM; see IsResourceShortage). Any other failure throws FWESocketError.
+  int AcceptNonBlocking(int listening, int& error) const;
+  // True for the accept failures that mean the process or system is out of descriptors or memory.
+  static bool IsResourceShortage(int error);
   // Builds an IPv4 address. An empty server means any address; otherwise a dotted address or a
   // host name. The port text is a number (cut to 16 bits) or, when that gives 0, a service name
   // looked up for the protocol ("tcp", "udp").

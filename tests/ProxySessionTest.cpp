@@ -28,18 +28,6 @@ namespace {
 
 // The name the system's resolver gives 127.0.0.1 ("localhost" from /etc/hosts on a standard
 // machine), asked independently of the socket manager; "" when it has none.
-std::string ReverseLookupOfLoopback() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  char host[NI_MAXHOST];
-  if (getnameinfo(reinterpret_cast<sockaddr*>(&address), sizeof(address), host, sizeof(host),
-                  nullptr, 0, NI_NAMEREQD) != 0) {
-    return "";
-  }
-  return host;
-}
-
 constexpr int kWaitMs = 5000;
 
 bool WaitReadable(int fd) {
@@ -227,7 +215,7 @@ TEST_F(ProxySessionTest, AcceptRecordsBothAddressesAndTimeAndLogsNothingByDefaul
   EXPECT_EQ(session->GetIncomingAddress(), "127.0.0.1");
   EXPECT_EQ(session->GetIncomingHost(), "");
   EXPECT_EQ(session->GetLocalAddress(), "127.0.0.1");
-  EXPECT_EQ(session->GetLocalHost(), ReverseLookupOfLoopback());
+  EXPECT_EQ(session->GetLocalHost(), "");  // no reverse look-up on the loop
   EXPECT_GE(session->GetStartTime(), before);
   EXPECT_LE(session->GetStartTime(), after);
   EXPECT_EQ(session->GetAcceptDate(), FWMIMEParser::MIMETime(session->GetStartTime()));
