@@ -1,7 +1,9 @@
 #include "LogTail.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,46 @@
 #include "FWFile.h"
 #include "FWLogStream.h"
 #include "FWStringUtils.h"
+
+// No "..", no absolute link and no link whose target lies outside root (EXDEV).
+int LogTail::OpenBeneath(const std::string& root, const std::string& name, int flags, int& error) {
+  const FileHandle directory(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.IsOpen()) {
+    error = errno;
+    return -1;
+  }
+  open_how how{};
+  how.flags = static_cast<std::uint64_t>(flags);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  const long fd = ::syscall(SYS_openat2, directory.Get(), name.c_str(), &how, sizeof(how));
+  if (fd >= 0) return static_cast<int>(fd);
+  error = errno;
+  return error == ENOSYS ? OpenWithoutLinks(directory.Get(), name, flags, error) : -1;
+}
+
+// For kernels without openat2: every link is refused (ELOOP), which is stricter but as safe.
+int LogTail::OpenWithoutLinks(int directory, const std::string& name, int flags, int& error) {
+  FileHandle current(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
+  std::size_t start = 0;
+  for (std::size_t slash; current.IsOpen() && (slash = name.find('/', start)) != std::string::npos;
+       start = slash + 1) {
+    const std::string part = name.substr(start, slash - start);
+    if (part == "..") {
+      error = EXDEV;
+      return -1;
+    }
+    current = FileHandle(
+        ::openat(current.Get(), part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  }
+  const std::string last = name.substr(start);
+  if (!current.IsOpen() || last == "..") {
+    error = current.IsOpen() ? EXDEV : errno;
+    return -1;
+  }
+  const int fd = ::openat(current.Get(), last.c_str(), flags | O_NOFOLLOW);
+  if (fd < 0) error = errno;
+  return fd;
+}
 
 LogTail::FileHandle& LogTail::FileHandle::operator=(FileHandle&& other) noexcept {
   if (this != &other) {
@@ -37,8 +79,18 @@ void LogTail::FileHandle::Reset() {
 LogTail::LogTail(std::string log_prefix) : log_prefix_(std::move(log_prefix)) {}
 
 int LogTail::Start(const std::string& path) {
-  Stop();
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return Start(".", path);
+  const int error = Start(slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1));
   path_ = path;
+  return error;
+}
+
+int LogTail::Start(const std::string& root, const std::string& name) {
+  Stop();
+  root_ = root;
+  name_ = name;
+  path_ = root + "/" + name;
   read_error_logged_ = false;
   const int error = OpenCurrent();
   if (error == ENOENT) {
@@ -127,11 +179,9 @@ std::size_t LogTail::ReadUpTo(off_t end, std::size_t budget, std::string& raw) {
 
 // O_NONBLOCK keeps a FIFO in the path from blocking the service loop at open.
 int LogTail::OpenCurrent() {
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    const int error = errno;
-    return error == ENOENT ? error : LogReadError(error);
-  }
+  int error = 0;
+  const int fd = OpenBeneath(root_, name_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, error);
+  if (fd < 0) return error == ENOENT ? error : LogReadError(error);
   FileHandle file(fd);
   struct stat st;
   if (::fstat(fd, &st) != 0) return LogReadError(errno);
@@ -146,8 +196,9 @@ int LogTail::OpenCurrent() {
 
 int LogTail::LogReadError(int error) {
   if (!read_error_logged_) {
-    Log(FWStringUtils::Printf("can't read file: %s (%s)", path_.c_str(),
-                              GetErrorMessage(error).c_str()));
+    const std::string reason =
+        error == EXDEV ? std::string("not inside ") + root_ : GetErrorMessage(error);
+    Log(FWStringUtils::Printf("can't read file: %s (%s)", path_.c_str(), reason.c_str()));
     read_error_logged_ = true;
   }
   return error;

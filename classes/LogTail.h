@@ -37,6 +37,10 @@ class LogTail final {
   // file is returned whole once it appears. A file that exists but cannot be read (no
   // permission, a directory) is not followed: the result is its errno (logged), 0 otherwise.
   int Start(const std::string& path);
+  // The same for the file name (relative, "/" between levels) under root, opened so that
+  // neither a link nor ".." leads out of root, also when a link is swapped in later (root itself
+  // may be a link). A name that leads out of root is refused with EXDEV.
+  int Start(const std::string& root, const std::string& name);
   // Ends the transmission and closes the file.
   void Stop();
   // One poll; "" when stopped or nothing is new. Line ends: a "\n" not preceded by "\r" becomes
@@ -75,6 +79,9 @@ class LogTail final {
     int fd_ = -1;
   };
 
+  // Opens name beneath root without leaving it; -1 with error set on failure.
+  static int OpenBeneath(const std::string& root, const std::string& name, int flags, int& error);
+  static int OpenWithoutLinks(int directory, const std::string& name, int flags, int& error);
   // Reads the open file from offset_ up to end, at most budget bytes, into raw.
   std::size_t ReadUpTo(off_t end, std::size_t budget, std::string& raw);
   // Handles the path naming the open file: rereads from the start when it shrank.
@@ -90,6 +97,9 @@ class LogTail final {
   void Log(const std::string& text) const;
 
   const std::string log_prefix_;
+  // Opens are confined beneath root_; path_ is root_ + "/" + name_, the path stat'ed and logged.
+  std::string root_;
+  std::string name_;
   std::string path_;
   bool started_ = false;
   // A read failure was logged; the same failure is not logged again at every poll.

@@ -122,20 +122,39 @@ TEST_F(LogDirectoryTest, DanglingSymlinkIsLoggedAndSiblingsAreStillListed) {
       logged);
 }
 
-TEST_F(LogDirectoryTest, SymlinkLoopsAreSkippedButOtherLinkedDirectoriesAreFollowed) {
-  MakeFile("a.log");
-  MakeFile("sub/b.log");
-  MakeFile("other/c.log");
-  MakeLink(temp_.Path(), "sub/up");
-  MakeLink(".", "sub/self");
-  MakeLink("other", "linked");
+// Links are followed only where they stay inside the root, which may itself be reached through
+// a link.
+TEST_F(LogDirectoryTest, LinksLeadingOutOfTheRootAndLinkLoopsAreSkipped) {
+  MakeFile("root/a.log");
+  MakeFile("root/sub/b.log");
+  MakeFile("root/other/c.log");
+  MakeFile("secret/d.log");
+  MakeLink(temp_.File("root"), "root/sub/up");
+  MakeLink(".", "root/sub/self");
+  MakeLink("other", "root/linked");
+  MakeLink("../secret", "root/out");
+  MakeLink(temp_.File("secret/d.log"), "root/out.log");
+  MakeLink("root", "via-link");
   EXPECT_EQ((Names{"a.log", "linked/c.log", "other/c.log", "sub/b.log"}),
-            Collect(temp_.Path(), "*.log"));
+            Collect(temp_.File("via-link"), "*.log"));
   Names logged = Logged();
   std::sort(logged.begin(), logged.end());
-  EXPECT_EQ((Names{"Session 2: Skipping directory loop: " + temp_.File("sub/self"),
-                   "Session 2: Skipping directory loop: " + temp_.File("sub/up")}),
+  const std::string root = temp_.File("via-link/");
+  EXPECT_EQ((Names{"Session 2: Not inside the document root, skipped: " + root + "out -> " +
+                       temp_.File("secret"),
+                   "Session 2: Not inside the document root, skipped: " + root + "out.log -> " +
+                       temp_.File("secret/d.log"),
+                   "Session 2: Skipping directory loop: " + root + "sub/self",
+                   "Session 2: Skipping directory loop: " + root + "sub/up"}),
             logged);
+}
+
+TEST_F(LogDirectoryTest, WalkStopsAtItsEntryBudgetAndSaysSo) {
+  for (const char* name : {"a.log", "b.log", "c.log"}) MakeFile(name);
+  EXPECT_EQ(3u, LogDirectory(temp_.Path(), "*.log", "Session 2: ", 3).Collect().size());
+  EXPECT_EQ(Names{}, Logged());
+  EXPECT_EQ(2u, LogDirectory(temp_.Path(), "*.log", "Session 2: ", 2).Collect().size());
+  EXPECT_EQ(Names{"Session 2: Listing stopped after 2 entries under " + temp_.Path()}, Logged());
 }
 
 // Root reads every directory, so the collection runs in a child that drops to the user nobody
