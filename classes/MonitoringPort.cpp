@@ -75,6 +75,10 @@ ProxySession* MonitoringPort::SessionCreate(int number) {
 
 std::string MonitoringPort::GetStatusString() const { return ""; }
 
+bool MonitoringPort::HasDefaultPassword() const {
+  return password_.empty() || password_ == kDefaultPassword;
+}
+
 MonitoringPort& MonitoringPort::operator=(const MonitoringPort& other) {
   if (&other == this) return *this;
   ProxyPort::operator=(other);
@@ -101,7 +105,7 @@ void MonitoringPort::Initialize() {
   document_root_.Clear();
   search_pattern_ = FWString("*.log");
   user_ = FWString("logwatcher");
-  password_ = FWString("Kem01&*sB");
+  password_ = FWString(kDefaultPassword);
   SetIncomingPort(FWString("9080"));
   SetName(FWString("Monitoring"));
 }

@@ -8,8 +8,14 @@
 
 #include "ProxyPort.h"
 
+class LoginGuard;
+
 class MonitoringPort final : public ProxyPort {
  public:
+  // The password every port has until the configuration gives it one of its own. Everyone who
+  // has the product knows it, so a port that keeps it admits logins from loopback only.
+  static constexpr const char* kDefaultPassword = "Kem01&*sB";
+
   MonitoringPort();
   MonitoringPort(const MonitoringPort& other);
   ~MonitoringPort() override = default;
@@ -37,6 +43,13 @@ class MonitoringPort final : public ProxyPort {
 
   // The port reports no status line of its own: always "".
   virtual std::string GetStatusString() const;
+  // True when Password is empty or the built-in default.
+  bool HasDefaultPassword() const;
+
+  // Run-time state, not configuration: the daemon's login brake and pass clock, set by the
+  // session manager before the port opens; null (no brake, time() as clock) otherwise. Not owned.
+  LoginGuard* GetLoginGuard() const { return login_guard_; }
+  void SetLoginGuard(LoginGuard* guard) { login_guard_ = guard; }
 
   MonitoringPort& operator=(const MonitoringPort& other);
   bool operator==(const MonitoringPort& other) const;
@@ -66,6 +79,7 @@ class MonitoringPort final : public ProxyPort {
   FWString search_pattern_;
   FWString user_;
   FWString password_;
+  LoginGuard* login_guard_ = nullptr;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGPORT_H_

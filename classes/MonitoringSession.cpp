@@ -1,11 +1,13 @@
 #include "MonitoringSession.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "FWFile.h"
 #include "FWProduct.h"
 #include "FWStringUtils.h"
 #include "LogDirectory.h"
+#include "LoginGuard.h"
 #include "MonitoringPort.h"
 
 namespace {
@@ -27,6 +29,37 @@ std::string Argument(std::string line, const std::string& keyword) {
   return line;
 }
 
+// A client's text for the log: quoted, control bytes and quotes escaped, at most kQuotedLimit
+// bytes of it, so that no client can forge or flood log lines.
+constexpr std::size_t kQuotedLimit = 80;
+
+std::string Quoted(const std::string& text) {
+  std::string quoted = "\"";
+  for (std::size_t i = 0; i < text.size() && i < kQuotedLimit; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') {
+      quoted += FWStringUtils::Printf("\\x%02X", c);
+    } else {
+      quoted += static_cast<char>(c);
+    }
+  }
+  return quoted + (text.size() > kQuotedLimit ? "\"..." : "\"");
+}
+
+// Compares in time that depends on the lengths only, not on where the texts differ.
+bool EqualInConstantTime(const std::string& left, const std::string& right) {
+  unsigned char difference = left.size() == right.size() ? 0 : 1;
+  const std::size_t length = std::max(left.size(), right.size());
+  for (std::size_t i = 0; i < length; ++i) {
+    const char a = i < left.size() ? left[i] : '\0';
+    const char b = i < right.size() ? right[i] : '\0';
+    difference |= static_cast<unsigned char>(a ^ b);
+  }
+  return difference == 0;
+}
+
+bool IsLoopback(const std::string& address) { return address == "127.0.0.1" || address == "::1"; }
+
 const char* FailureText(FWFeedCodec::Result result) {
   switch (result) {
     case FWFeedCodec::Result::kLostSync:
@@ -45,13 +78,14 @@ const char* FailureText(FWFeedCodec::Result result) {
 MonitoringSession::MonitoringSession(int number, MonitoringPort* port)
     : ProxySession(number, port),
       monitoring_port_(port),
-      client_frames_(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit),
+      client_frames_(kPreLoginFrameLimit, kPreLoginFrameLimit),
       server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit),
       tail_(GetLogPrefix()) {}
 
 void MonitoringSession::Open(int listening) {
   ClearData();
   client_frames_.Clear();
+  client_frames_.SetLimits(kPreLoginFrameLimit, kPreLoginFrameLimit);
   server_frames_.Clear();
   if (listening != 0) {
     OpenServer(listening);
@@ -66,12 +100,11 @@ void MonitoringSession::OpenServer(int listening) {
   client_state_ = 0;
   server_state_ = kAwaitingLogin;
   user_accepted_ = false;
+  invalid_commands_ = 0;
+  password_failures_ = 0;
+  login_deadline_ = Now() + kLoginTimeoutSeconds;
   SendReply(FWProduct::GetName() + kGreetingTail);
-  if (GetIncomingSocket() == 0) {
-    Close();
-    return;
-  }
-  CollectLogfiles();
+  if (GetIncomingSocket() == 0) Close();
 }
 
 void MonitoringSession::OpenClient() {
@@ -82,15 +115,32 @@ void MonitoringSession::OpenClient() {
   if (GetOutgoingSocket() == 0) Close();
 }
 
-void MonitoringSession::CollectLogfiles() {
+// Collected after login only, so that a client that has not logged in costs no directory walk.
+void MonitoringSession::CollectLogfilesOnce() {
+  if (log_files_collected_) return;
+  log_files_collected_ = true;
   log_files_ = LogDirectory(monitoring_port_->GetDocumentRoot(),
                             monitoring_port_->GetSearchPattern(), GetLogPrefix())
                    .Collect();
-  std::sort(log_files_.begin(), log_files_.end());
+}
+
+std::time_t MonitoringSession::Now() const {
+  const LoginGuard* guard = Guard();
+  return guard != nullptr ? guard->Now() : std::time(nullptr);
+}
+
+LoginGuard* MonitoringSession::Guard() const {
+  return monitoring_port_ != nullptr ? monitoring_port_->GetLoginGuard() : nullptr;
 }
 
 void MonitoringSession::Close() {
+  const bool served_client = IsOpen() && server_state_ != 0 && GetIncomingSocket() != 0;
   ProxySession::Close();
+  if (served_client) {
+    Log(FWStringUtils::Printf("connection from %s ended, %llu bytes sent",
+                              GetIncomingAddress().c_str(),
+                              static_cast<unsigned long long>(GetIncomingBytesSent())));
+  }
   reply_text_.Clear();
   command_text_.Clear();
   client_frames_.Clear();
@@ -103,11 +153,18 @@ void MonitoringSession::ClearData() {
   transmitting_ = false;
   tail_.Stop();
   log_files_.clear();
+  log_files_collected_ = false;
   current_file_.clear();
 }
 
 void MonitoringSession::CheckActive() {
   if (!IsOpen()) return;
+  if (server_state_ == kAwaitingLogin && Now() >= login_deadline_) {
+    Log(FWStringUtils::Printf("no login within %d s, closing",
+                              static_cast<int>(kLoginTimeoutSeconds)));
+    Close();
+    return;
+  }
   ServeCommands();
   if (!IsOpen() || !transmitting_ || IsHeldBack()) return;
   for (const std::string& reply : LogTail::SplitReplies(tail_.Poll(), LogTail::kMaxReplyBytes)) {
@@ -120,7 +177,9 @@ bool MonitoringSession::ReadyToReceiveIncoming() {
 }
 
 bool MonitoringSession::IsHeldBack() const {
-  return GetIncomingBuffer().size() > LogTail::kMaxPendingBytes;
+  const std::size_t limit =
+      server_state_ == kLoggedIn ? LogTail::kMaxPendingBytes : kPreLoginPendingBytes;
+  return GetIncomingBuffer().size() > limit;
 }
 
 void MonitoringSession::SendReply(const std::string& text) {
@@ -207,12 +266,18 @@ void MonitoringSession::HandleCommand(const std::string& line) {
 
 void MonitoringSession::HandleLoggedIn(const std::string& line, const std::string& lower) {
   if (StartsWith(lower, "start")) {
+    CollectLogfilesOnce();
     HandleStart(line);
   } else if (lower == "stop\r\n") {
     SendReply("+OK logfile transmission stopped\r\n");
+    if (transmitting_) {
+      Log(FWStringUtils::Printf("stop %s from %s", Quoted(current_file_).c_str(),
+                                GetIncomingAddress().c_str()));
+    }
     transmitting_ = false;
     tail_.Stop();
   } else if (lower == "list\r\n") {
+    CollectLogfilesOnce();
     HandleList();
   } else {
     SendReply("-ERR unrecognized command\r\n");
@@ -222,27 +287,78 @@ void MonitoringSession::HandleLoggedIn(const std::string& line, const std::strin
 void MonitoringSession::HandleLogin(const std::string& line, const std::string& lower) {
   if (StartsWith(lower, "user")) {
     const std::string user = Argument(line, "user");
-    if (user.empty()) return;
-    if (user != monitoring_port_->GetUser()) {
-      SendReply("-ERR User unknown\r\n");
-      return;
-    }
-    user_accepted_ = true;
-    SendReply("+OK\r\n");
+    if (!user.empty()) HandleUser(user);
     return;
   }
   if (StartsWith(lower, "pass") && user_accepted_) {
     const std::string password = Argument(line, "pass");
-    if (password.empty()) return;
-    if (password != monitoring_port_->GetPassword()) {
-      SendReply("-ERR Login failed (invalid password)\r\n");
-      return;
-    }
-    server_state_ = kLoggedIn;
-    SendReply("+OK Login successful\r\n");
+    if (!password.empty()) HandlePassword(password);
     return;
   }
   SendReply("-ERR invalid command\r\n");
+  CountInvalidCommand();
+}
+
+void MonitoringSession::HandleUser(const std::string& user) {
+  if (user == monitoring_port_->GetUser()) {
+    user_accepted_ = true;
+    SendReply("+OK\r\n");
+    return;
+  }
+  SendReply("-ERR User unknown\r\n");
+  CountFailedLogin(user, "unknown user");
+  CountInvalidCommand();
+}
+
+void MonitoringSession::HandlePassword(const std::string& password) {
+  const std::string refusal = LoginRefusal(password);
+  if (refusal.empty()) {
+    server_state_ = kLoggedIn;
+    client_frames_.SetLimits(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit);
+    SendReply("+OK Login successful\r\n");
+    Log(FWStringUtils::Printf("login of user %s from %s",
+                              Quoted(monitoring_port_->GetUser()).c_str(),
+                              GetIncomingAddress().c_str()));
+    return;
+  }
+  SendReply("-ERR Login failed (invalid password)\r\n");
+  CountFailedLogin(monitoring_port_->GetUser(), refusal);
+  if (++password_failures_ < kPasswordFailureLimit || server_state_ != kAwaitingLogin) return;
+  Log(FWStringUtils::Printf("closing after %d failed logins", kPasswordFailureLimit));
+  server_state_ = kQuitting;
+}
+
+std::string MonitoringSession::LoginRefusal(const std::string& password) const {
+  const LoginGuard* guard = Guard();
+  if (guard != nullptr && guard->IsRefused(GetIncomingAddress())) {
+    return "address refused after repeated failures";
+  }
+  if (!EqualInConstantTime(password, monitoring_port_->GetPassword())) return "wrong password";
+  if (monitoring_port_->HasDefaultPassword() && !IsLoopback(GetIncomingAddress())) {
+    return "the default password admits loopback clients only";
+  }
+  return "";
+}
+
+// The audit line, and the address brake: a failure that starts a refusal is logged once.
+void MonitoringSession::CountFailedLogin(const std::string& user, const std::string& reason) {
+  const std::string& peer = GetIncomingAddress();
+  Log(FWStringUtils::Printf("login failed: user %s from %s (%s)", Quoted(user).c_str(),
+                            peer.c_str(), reason.c_str()));
+  LoginGuard* guard = Guard();
+  if (guard == nullptr || !guard->RecordFailure(peer)) return;
+  Log(FWStringUtils::Printf("refusing logins from %s for %d s after %zu failed logins",
+                            peer.c_str(), static_cast<int>(LoginGuard::kRefusalSeconds),
+                            LoginGuard::kFailuresPerAddress));
+}
+
+// Unknown users count as invalid commands too. The last one allowed has been answered; then the
+// session ends as after "quit", once its replies are sent.
+void MonitoringSession::CountInvalidCommand() {
+  if (++invalid_commands_ < kInvalidCommandLimit || server_state_ != kAwaitingLogin) return;
+  Log(FWStringUtils::Printf("closing after %d invalid commands before login",
+                            kInvalidCommandLimit));
+  server_state_ = kQuitting;
 }
 
 // An empty name changes nothing: while a file is transmitted it is confirmed again and its
@@ -256,19 +372,24 @@ void MonitoringSession::HandleStart(const std::string& line) {
     transmitting_ = false;
     tail_.Stop();
     const auto found = std::find(log_files_.begin(), log_files_.end(), name);
-    if (found == log_files_.end()) {
+    const std::string root = monitoring_port_->GetDocumentRoot();
+    // Opened beneath the root: a link swapped in since the listing cannot lead out of it.
+    const int error = found == log_files_.end() ? EXDEV : tail_.Start(root, *found);
+    if (error == EXDEV) {
       SendReply("-ERR invalid logfile name\r\n");
+      Log(FWStringUtils::Printf("refused name %s from %s", Quoted(name).c_str(),
+                                GetIncomingAddress().c_str()));
       return;
     }
-    // The slash is added even when DocumentRoot ends in one; clients see this path.
-    const std::string path = monitoring_port_->GetDocumentRoot() + "/" + *found;
-    const int error = tail_.Start(path);
     if (error != 0) {
       SendReply("-ERR can't read " + name + ": " + GetErrorMessage(error) + kLineEnd);
       return;
     }
-    current_file_ = path;
+    // The slash is added even when DocumentRoot ends in one; clients see this path.
+    current_file_ = root + "/" + *found;
     transmitting_ = true;
+    Log(FWStringUtils::Printf("start %s from %s", Quoted(current_file_).c_str(),
+                              GetIncomingAddress().c_str()));
   }
   if (transmitting_) {
     SendReply("+OK start transmitting " + current_file_ + kLineEnd);

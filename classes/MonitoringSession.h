@@ -16,6 +16,7 @@
 #include "LogTail.h"
 #include "ProxySession.h"
 
+class LoginGuard;
 class MonitoringPort;
 
 // Main thread only (the session manager's loop); holds no lock.
@@ -30,6 +31,13 @@ class MonitoringPort;
 // the client, the session neither polls its log file nor reads or handles further commands; both
 // resume once the client has read enough (commands already received are taken up again by
 // CheckActive).
+//
+// Before login a client gets less: frames and messages of at most kPreLoginFrameLimit bytes,
+// kPreLoginPendingBytes of unsent replies, kInvalidCommandLimit invalid commands answered (then
+// the session ends), kLoginTimeoutSeconds to log in, and kPasswordFailureLimit wrong passwords.
+// A port with the built-in default password admits logins from loopback only. The log files are
+// collected at the first "list" or "start" after login. Failed logins, refused names, "start",
+// "stop" and the end of the session are logged with the client's address (never a password).
 class MonitoringSession final : public ProxySession {
  public:
   // Server states.
@@ -42,6 +50,12 @@ class MonitoringSession final : public ProxySession {
 
   // The most command text held without "\r\n".
   static constexpr std::size_t kLineLimit = 64 * 1024;
+  // The limits before login.
+  static constexpr std::size_t kPreLoginFrameLimit = 4 * 1024;
+  static constexpr std::size_t kPreLoginPendingBytes = 64 * 1024;
+  static constexpr int kInvalidCommandLimit = 10;
+  static constexpr std::time_t kLoginTimeoutSeconds = 30;
+  static constexpr int kPasswordFailureLimit = 3;
 
   // The port supplies the settings and is not owned; it must outlive the session.
   MonitoringSession(int number, MonitoringPort* port);
@@ -53,9 +67,9 @@ class MonitoringSession final : public ProxySession {
   void Open(int listening) override;
   // ProxySession::Close, then empties the texts and frame buffers and ClearData().
   void Close() override;
-  // While open: takes up commands held back by back-pressure, then, while transmitting and not
-  // held back, polls the log file and sends its new data as replies of at most
-  // LogTail::kMaxReplyBytes (1 MiB) of text each.
+  // While open: closes a session not logged in within kLoginTimeoutSeconds, takes up commands
+  // held back by back-pressure, then, while transmitting and not held back, polls the log file and
+  // sends its new data as replies of at most LogTail::kMaxReplyBytes (1 MiB) of text each.
   void CheckActive() override;
   std::size_t GetMemoryRequired() const override { return 0; }
   // True while the client socket is open and the replies to it are not held back.
@@ -79,7 +93,8 @@ class MonitoringSession final : public ProxySession {
   const std::string& GetReceivedText() const { return received_text_; }
   // Full path of the file being (or last) transmitted.
   const std::string& GetCurrentFile() const { return current_file_; }
-  // Names relative to DocumentRoot, sorted by byte value; collected once at Open.
+  // Names relative to DocumentRoot, sorted by byte value; collected once, at the first "list" or
+  // "start" after login.
   const std::vector<std::string>& GetLogFiles() const { return log_files_; }
   int GetClientState() const { return client_state_; }
   int GetServerState() const { return server_state_; }
@@ -107,7 +122,10 @@ class MonitoringSession final : public ProxySession {
 
   void OpenServer(int listening);
   void OpenClient();
-  void CollectLogfiles();
+  void CollectLogfilesOnce();
+  // The time of the loop's current pass (time() without a login guard).
+  std::time_t Now() const;
+  LoginGuard* Guard() const;
 
   // Server role: takes frames and handles their lines until the input runs out, the session
   // ends, or back-pressure holds it back.
@@ -116,6 +134,12 @@ class MonitoringSession final : public ProxySession {
   void HandleCommand(const std::string& line);
   void HandleLoggedIn(const std::string& line, const std::string& lower);
   void HandleLogin(const std::string& line, const std::string& lower);
+  void HandleUser(const std::string& user);
+  void HandlePassword(const std::string& password);
+  // Why a login with this password fails; "" when it succeeds.
+  std::string LoginRefusal(const std::string& password) const;
+  void CountFailedLogin(const std::string& user, const std::string& reason);
+  void CountInvalidCommand();
   void HandleStart(const std::string& line);
   void HandleList();
 
@@ -142,7 +166,11 @@ class MonitoringSession final : public ProxySession {
   int server_state_ = 0;
   bool transmitting_ = false;
   std::vector<std::string> log_files_;
+  bool log_files_collected_ = false;
   bool user_accepted_ = false;
+  int invalid_commands_ = 0;
+  int password_failures_ = 0;
+  std::time_t login_deadline_ = 0;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGSESSION_H_

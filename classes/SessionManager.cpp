@@ -1,5 +1,6 @@
 #include "SessionManager.h"
 
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/time.h>
 
@@ -31,8 +32,11 @@ constexpr unsigned kSelectLine = 411;
 // Each pass waits at most this long for readiness (or sleeps it when there are no ports).
 constexpr long kPassTimeoutMicroseconds = 500000;
 constexpr unsigned long kPassTimeoutMs = 500;
-// One select set holds 1024 descriptors; three are the standard ones. Each session may hold two.
-constexpr int kSelectableDescriptors = 1021;
+// Each session may hold two descriptors (its socket and the file it follows). Besides the
+// sessions and the listeners the daemon holds the three standard descriptors, the log, the
+// worker thread's connection, one directory being listed and the root opened for a file.
+constexpr int kDescriptorsPerSession = 2;
+constexpr int kOtherDescriptors = 3 + 1 + 1 + 1 + 1;
 constexpr int kThreadStopTries = 10;
 constexpr unsigned long kThreadStopPauseMs = 500;
 // Days from 30 December 1899 to 1 January 1970.
@@ -175,6 +179,12 @@ void SessionManager::Init() {
 void SessionManager::InitPorts() {
   if (initialized_) return;
   initialized_ = true;
+  login_guard_.SetNow(Now());
+  for (ProxyPort* port : ports_) {
+    if (auto* monitoring = dynamic_cast<MonitoringPort*>(port)) {
+      monitoring->SetLoginGuard(&login_guard_);
+    }
+  }
   if (!max_log_file_days_.IsNull()) LogStream.SetMaxDays(max_log_file_days_.Get());
   if (!max_log_file_size_.IsNull()) LogStream.SetMaxSize(max_log_file_size_.Get());
   LogBanner();
@@ -229,18 +239,63 @@ void SessionManager::LogBanner() const {
   LogStream.Log("Directory for temporary files: " + FWFileName::GetTmpDirectory());
 }
 
+// The log shows that a password is set, never the password itself.
 void SessionManager::LogConfiguration() const {
+  SessionManager masked(*this);
+  for (ProxyPort* port : masked.ports_) {
+    auto* monitoring = dynamic_cast<MonitoringPort*>(port);
+    if (monitoring != nullptr && !monitoring->GetPassword().empty()) {
+      monitoring->SetPassword(FWString("********"));
+    }
+  }
   FWIniParser parser("1.0", false);
   std::string text;
-  parser.GenerateFromObject(*this, text, false);
+  parser.GenerateFromObject(masked, text, false);
   LogStream.Log("Configuration:");
   LogStream.Log(text, "    ");
+}
+
+int SessionManager::GetFixedDescriptors() const {
+  return kOtherDescriptors + static_cast<int>(ports_.size());
+}
+
+int SessionManager::GetPoolSize() const {
+  long limit = FD_SETSIZE;
+  rlimit current{};
+  if (::getrlimit(RLIMIT_NOFILE, &current) == 0 && current.rlim_cur != RLIM_INFINITY) {
+    limit = std::min<long>(limit, static_cast<long>(current.rlim_cur));
+  }
+  return static_cast<int>(
+      std::max<long>(0, (limit - GetFixedDescriptors()) / kDescriptorsPerSession));
+}
+
+std::string SessionManager::FitDescriptorLimit() {
+  const rlim_t wanted = static_cast<rlim_t>(
+      GetFixedDescriptors() +
+      kDescriptorsPerSession * ((FD_SETSIZE - GetFixedDescriptors()) / kDescriptorsPerSession));
+  rlimit current{};
+  if (::getrlimit(RLIMIT_NOFILE, &current) != 0 || current.rlim_cur >= wanted) return "";
+  const rlim_t before = current.rlim_cur;
+  rlimit raised = current;
+  raised.rlim_cur = std::min(wanted, current.rlim_max);
+  if (raised.rlim_cur > before && ::setrlimit(RLIMIT_NOFILE, &raised) != 0)
+    raised.rlim_cur = before;
+  if (raised.rlim_cur >= wanted) {
+    return FWStringUtils::Printf("descriptor limit raised from %lu to %lu",
+                                 static_cast<unsigned long>(before),
+                                 static_cast<unsigned long>(raised.rlim_cur));
+  }
+  return FWStringUtils::Printf(
+      "descriptor limit %lu (hard limit %lu) holds only %d sessions; raise it to %lu for all %d",
+      static_cast<unsigned long>(raised.rlim_cur), static_cast<unsigned long>(current.rlim_max),
+      GetPoolSize(), static_cast<unsigned long>(wanted),
+      (FD_SETSIZE - GetFixedDescriptors()) / kDescriptorsPerSession);
 }
 
 void SessionManager::ResetSessionNumbers() {
   used_numbers_.clear();
   free_numbers_.clear();
-  const int pool = (kSelectableDescriptors - static_cast<int>(ports_.size())) / 2;
+  const int pool = GetPoolSize();
   for (int number = 0; number < pool; ++number) {
     free_numbers_.insert(free_numbers_.end(), static_cast<unsigned int>(number));
   }
@@ -339,7 +394,7 @@ void SessionManager::CollectSessions(ProxyPort& port, PassSets& sets) {
 // While the port holds OutgoingConnectionCount sessions, or no number is free, new connections
 // wait in the kernel's backlog.
 bool SessionManager::IsListenerPolled(const ProxyPort& port) const {
-  if (free_numbers_.empty() || port.GetListeningSocket() == 0) return false;
+  if (free_numbers_.empty() || port.GetListeningSocket() == 0 || IsAcceptPaused()) return false;
   const FWVariable<int> limit = port.GetOutgoingConnectionCount();
   if (limit.IsNull()) return true;
   return static_cast<long>(port.GetSessions().size()) < static_cast<long>(limit.Get());
@@ -363,8 +418,11 @@ int SessionManager::WaitForReadiness(PassSets& sets) const {
   return 0;
 }
 
+std::time_t SessionManager::Now() const { return clock_ ? clock_() : std::time(nullptr); }
+
 bool SessionManager::TickClock() {
-  const std::time_t now = clock_ ? clock_() : std::time(nullptr);
+  const std::time_t now = Now();
+  login_guard_.SetNow(now);
   if (now == last_second_) return false;
   last_second_ = now;
   return true;
@@ -417,9 +475,24 @@ void SessionManager::AcceptConnections(const PassSets& sets, int& ready) {
     if (ready == 0) return;
     if (free_numbers_.empty() || port->GetListeningSocket() == 0) continue;
     if (!PassSets::Has(port->GetListeningSocket(), sets.read)) continue;
-    port->SessionOpen(static_cast<int>(TakeNumber(*port)));
+    const ProxySession* session = port->SessionOpen(static_cast<int>(TakeNumber(*port)));
     --ready;
+    const int error = session->GetAcceptError();
+    if (FWSocketManager::IsResourceShortage(error)) {
+      PauseAccepting(*port, error);
+      return;
+    }
+    if (error == 0) accept_shortage_logged_ = false;
   }
+}
+
+void SessionManager::PauseAccepting(const ProxyPort& port, int error) {
+  accept_paused_until_ = last_second_ + 1;
+  if (accept_shortage_logged_) return;
+  accept_shortage_logged_ = true;
+  LogStream.Log(FWStringUtils::Printf("accept on port %s: %s; new connections wait",
+                                      port.GetIncomingPort().c_str(),
+                                      GetErrorMessage(error).c_str()));
 }
 
 // Monitoring sessions take numbers from the top of the pool, all others from the bottom.

@@ -20,6 +20,7 @@
 #include "FWObject.h"
 #include "FWPublishSubscribe.h"
 #include "FWType.h"
+#include "LoginGuard.h"
 
 class FWThread;
 class ProxyPort;
@@ -68,8 +69,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // Start-up, once per initialization (a second call does nothing): InitPorts, then InitWorker.
   virtual void Init();
   // The first part of Init: copies the log limits into LogStream, logs the banner, the system
-  // texts and the configuration, fills the session-number pool with (1021 - ports) / 2 numbers
-  // and opens every port (an exception from a port propagates; the failing port is the first one
+  // texts and the configuration (passwords masked), fills the session-number pool
+  // (GetPoolSize()), hands the monitoring ports the login guard and opens every port (an exception from a port propagates; the failing port is the first one
   // without a listening socket). The daemon runs it before it detaches: sockets survive the fork,
   // a thread would not.
   void InitPorts();
@@ -107,8 +108,21 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // Where and how long the update check asks; the build's URL and 10 seconds unless set. An empty
   // URL makes no check. Set before Init.
   void SetUpdateCheck(const std::string& url, std::chrono::milliseconds timeout);
-  // The clock whose change between passes starts the per-second work; time() unless set.
+  // The clock whose change between passes starts the per-second work and that the sessions'
+  // timers and the login brake read; time() unless set.
   void SetClock(std::function<std::time_t()> clock) { clock_ = std::move(clock); }
+
+  // Descriptors the daemon holds besides its sessions: the three standard ones, the log, the
+  // listening sockets, the worker thread's connection and one directory being listed.
+  int GetFixedDescriptors() const;
+  // The session-number pool Init fills: two descriptors per session (its socket and the file it
+  // follows, or its two sockets) must fit below the select limit of 1024 descriptors and below
+  // the soft descriptor limit.
+  int GetPoolSize() const;
+  // Raises the soft descriptor limit (RLIMIT_NOFILE) to what the full pool needs, as far as the
+  // hard limit allows. Returns what it did for the start-up messages: "" when the limit was
+  // enough, else the raise or, when the hard limit is too low, the smaller pool. Call before Init.
+  std::string FitDescriptorLimit();
 
   bool IsInitialized() const { return initialized_; }
   const std::set<unsigned int>& GetFreeNumbers() const { return free_numbers_; }
@@ -121,6 +135,11 @@ class SessionManager final : public FWObject, public FWSubscriber {
   bool IsAddressInUse(const ProxyPort* port) const;
   // True when exactly one port of the list has this port's Name. False for null.
   bool IsPortNameUnique(const ProxyPort* port) const;
+
+  // The login brake and pass clock the monitoring ports' sessions share.
+  const LoginGuard& GetLoginGuard() const { return login_guard_; }
+  // True while new connections wait because an accept found no descriptor left.
+  bool IsAcceptPaused() const { return last_second_ < accept_paused_until_; }
 
   // Copied into the log stream's day limit at start-up when not null.
   FWVariable<int> GetMaxLogFileDays() const { return max_log_file_days_; }
@@ -160,6 +179,10 @@ class SessionManager final : public FWObject, public FWSubscriber {
   void AcceptConnections(const PassSets& sets, int& ready);
 
   void CollectSessions(ProxyPort& port, PassSets& sets);
+  std::time_t Now() const;
+  // After an accept that found no descriptor left: no listener is polled until the next second
+  // of the clock; logged once until an accept succeeds again.
+  void PauseAccepting(const ProxyPort& port, int error);
   bool IsListenerPolled(const ProxyPort& port) const;
   static void ServeTransfers(const std::string& name, ProxySession& session, const PassSets& sets,
                              int& ready);
@@ -181,6 +204,9 @@ class SessionManager final : public FWObject, public FWSubscriber {
   unsigned int rotation_ = 0;
   std::time_t last_second_ = 0;
   std::function<std::time_t()> clock_;
+  LoginGuard login_guard_;
+  std::time_t accept_paused_until_ = 0;
+  bool accept_shortage_logged_ = false;
   std::unique_ptr<FWThread> thread_;
   // Set on the main thread before the worker starts; read by the worker.
   std::string update_url_;

@@ -66,6 +66,11 @@ class FWFeedCodec {
   Result Next(std::string* message);
   // Empties the buffer and forgets a failure result.
   void Clear();
+  // Replaces the limits for the frames not yet taken (a server raises them after login).
+  void SetLimits(std::size_t frame_limit, std::size_t message_limit) {
+    frame_limit_ = frame_limit;
+    message_limit_ = message_limit;
+  }
   // Bytes received and not yet taken as a frame.
   std::size_t GetBufferedSize() const { return buffer_.size() - read_pos_; }
 

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -26,9 +27,11 @@
 #include "FWBlowfish.h"
 #include "FWCounter.h"
 #include "FWFeedCodec.h"
+#include "FWFile.h"
 #include "FWLogStream.h"
 #include "FWSocket.h"
 #include "LogTail.h"
+#include "LoginGuard.h"
 #include "MonitoringPort.h"
 #include "SessionManager.h"
 #include "TestUtil.h"
@@ -182,8 +185,9 @@ class MonitoringSessionTest : public ::testing::Test {
     port_->SetDocumentRoot(FWString(root_.Path()));
     manager_.GetPorts().push_back(port_);
     manager_.SetUpdateCheck("", milliseconds(1000));
-    // Every pass is a new second, so every pass polls the transmitted file.
-    manager_.SetClock([this] { return ++now_; });
+    // Every pass is a new second, so every pass polls the transmitted file; a test that stops
+    // the clock moves it itself.
+    manager_.SetClock([this] { return ticking_ ? ++now_ : now_; });
   }
   void TearDown() override {
     client_.reset();
@@ -268,6 +272,13 @@ class MonitoringSessionTest : public ::testing::Test {
   MonitoringSession& Session() {
     return *dynamic_cast<MonitoringSession*>(port_->GetSessions().front());
   }
+  // The log prefix of the first monitoring session: numbers are taken from the top of the pool.
+  std::string Prefix() const {
+    return "Session " + std::to_string(manager_.GetPoolSize() - 1) + ": ";
+  }
+  std::string Ended(int bytes) const {
+    return Prefix() + "Connection from 127.0.0.1 ended, " + std::to_string(bytes) + " bytes sent";
+  }
   static Lines SessionLogLines() {
     Lines lines;
     std::istringstream stream(LogStream.GetLogBuffer());
@@ -283,6 +294,7 @@ class MonitoringSessionTest : public ::testing::Test {
   std::unique_ptr<FeedClient> client_;
   FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
   std::time_t now_ = 1000000;
+  bool ticking_ = true;
   std::function<void()> extra_pass_;
 };
 
@@ -290,7 +302,7 @@ class MonitoringSessionTest : public ::testing::Test {
 
 TEST_F(MonitoringSessionTest, LoginRepliesBeforeLoginAreExact) {
   Connect();
-  EXPECT_EQ(Session().GetNumber(), 509u);
+  EXPECT_EQ(Session().GetNumber(), static_cast<unsigned>(manager_.GetPoolSize() - 1));
   Send("list\r\n");
   Expect("-ERR invalid command\r\n");
   Send("pass " + kPassword + "\r\n");  // no user accepted yet
@@ -403,6 +415,8 @@ TEST_F(MonitoringSessionTest, OnlyTheLeadingKeywordIsRemovedFromAnArgument) {
 TEST_F(MonitoringSessionTest, StartOnAFileThatCannotBeReadIsRefusedAndTheSessionGoesOn) {
   Connect();
   Login();
+  Send("start\r\n");  // collects the list
+  Expect("-ERR invalid logfile name\r\n");
   // Listed as a file, then replaced by a directory of the same name.
   ASSERT_EQ(::unlink(root_.File("b.log").c_str()), 0);
   ASSERT_EQ(::mkdir(root_.File("b.log").c_str(), 0755), 0);
@@ -412,7 +426,9 @@ TEST_F(MonitoringSessionTest, StartOnAFileThatCannotBeReadIsRefusedAndTheSession
   Send("start a.log\r\n");
   Expect("+OK start transmitting " + root_.Path() + "/a.log\r\n");
   EXPECT_EQ(SessionLogLines(),
-            Lines{"Session 509: Can't read file: " + root_.Path() + "/b.log (Is a directory)"});
+            (Lines{Prefix() + "Login of user \"logwatcher\" from 127.0.0.1",
+                   Prefix() + "Can't read file: " + root_.Path() + "/b.log (Is a directory)",
+                   Prefix() + "Start \"" + root_.Path() + "/a.log\" from 127.0.0.1"}));
 }
 
 TEST_F(MonitoringSessionTest, StartWithoutNameConfirmsTheCurrentFileAndKeepsItsPosition) {
@@ -472,7 +488,7 @@ TEST_F(MonitoringSessionTest, WrongSyncMarkerClosesEvenWithAValidFrameBehind) {
   bad[0] = '\x01';
   SendRaw(bad + codec_.Frame("quit\r\n"));
   ExpectClosed();
-  EXPECT_EQ(SessionLogLines(), Lines{prefix + "Lost sync reading from server"});
+  EXPECT_EQ(SessionLogLines(), (Lines{prefix + "Lost sync reading from server", Ended(64)}));
 }
 
 TEST_F(MonitoringSessionTest, CorruptCompressedMessageEndsOnlyThatSessionThroughTheLoop) {
@@ -480,7 +496,7 @@ TEST_F(MonitoringSessionTest, CorruptCompressedMessageEndsOnlyThatSessionThrough
   SendRaw(RawFrame(8, "garbage!"));
   ExpectClosed();
   EXPECT_EQ(SessionLogLines(),
-            Lines{"Session 509: ProxySession::Inflate operation failed (inflate: -3)"});
+            (Lines{Prefix() + "ProxySession::Inflate operation failed (inflate: -3)", Ended(64)}));
   Connect();  // the port goes on serving
   Send("user nobody\r\n");
   Expect("-ERR User unknown\r\n");
@@ -488,35 +504,173 @@ TEST_F(MonitoringSessionTest, CorruptCompressedMessageEndsOnlyThatSessionThrough
 
 // ---- Bounded input ----
 
-TEST_F(MonitoringSessionTest, FrameLongerThanOneMebibyteEndsTheSession) {
+// Before login frames and messages may hold 4 KiB, after it 1 MiB. The header of a longer frame
+// is enough to end the session.
+TEST_F(MonitoringSessionTest, FramesAndMessagesPastTheirLimitEndTheSession) {
+  const std::size_t limit = MonitoringSession::kPreLoginFrameLimit;
   Connect();
-  SendRaw(FrameOfCompressedLength(kMiB));  // at the limit: handled, silently
+  SendRaw(FrameOfCompressedLength(limit));  // at the limit: handled, silently
+  Send(SilentText(limit));
   Send("user nobody\r\n");
   Expect("-ERR User unknown\r\n");
-  SendRaw(RawFrame(kMiB + 1, ""));  // the header alone is enough
+  Send(SilentText(limit + 1));
   ExpectClosed();
-  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Frame too large"});
-}
-
-TEST_F(MonitoringSessionTest, MessageInflatingPastOneMebibyteEndsTheSession) {
   Connect();
-  Send(SilentText(kMiB));  // at the limit
-  Send("user nobody\r\n");
-  Expect("-ERR User unknown\r\n");
-  Send(SilentText(kMiB + 1));
+  SendRaw(RawFrame(limit + 1, ""));
   ExpectClosed();
-  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Message too large"});
+  Connect();
+  Login();
+  std::mt19937 random(7);
+  std::string noise(3 * limit, ' ');  // compresses to more than 4 KiB
+  for (char& c : noise) c = static_cast<char>('!' + random() % 94);
+  Send(noise + "\r\n");
+  Expect("-ERR unrecognized command\r\n");
+  SendRaw(RawFrame(kMiB + 1, ""));
+  ExpectClosed();
+  const Lines lines = SessionLogLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Prefix() + "Message too large"), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Prefix() + "Frame too large"), 2);
 }
 
 TEST_F(MonitoringSessionTest, CommandTextOver64KiBWithoutLineEndEndsTheSession) {
   Connect();
+  Login();
   Send(std::string(MonitoringSession::kLineLimit, 'x'));  // at the limit: waits for its end
   Send("\r\n");
-  Expect("-ERR invalid command\r\n");
+  Expect("-ERR unrecognized command\r\n");
   Send(std::string(MonitoringSession::kLineLimit + 1, 'x'));
   Send("\r\n");
   ExpectClosed();
-  EXPECT_EQ(SessionLogLines(), Lines{"Session 509: Line too long"});
+  EXPECT_EQ(SessionLogLines().at(1), Prefix() + "Line too long");
+}
+
+// ---- Clients that have not logged in ----
+
+// Each ends its session: after the replies it was owed, or at once when it only waited.
+TEST_F(MonitoringSessionTest, InvalidCommandsWrongPasswordsAndIdlenessEndASessionBeforeLogin) {
+  struct Case {
+    bool user;  // "user logwatcher" first
+    std::string line;
+    int lines;
+    std::string reply;  // to each line but the last
+    std::string logged;
+  };
+  const std::vector<Case> cases = {
+      {false, "list\r\n", 11, "-ERR invalid command\r\n",
+       "Closing after 10 invalid commands before login"},
+      {true, "pass wrong\r\n", 4, "-ERR Login failed (invalid password)\r\n",
+       "Closing after 3 failed logins"},
+      {false, "", 0, "", "No login within 30 s, closing"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.logged);
+    LogStream.ClearLogBuffer();
+    Connect();
+    if (c.user) {
+      Send("user logwatcher\r\n");
+      Expect("+OK\r\n");
+    }
+    std::string commands;
+    for (int i = 0; i < c.lines; ++i) commands += c.line;
+    if (commands.empty())
+      now_ += MonitoringSession::kLoginTimeoutSeconds;
+    else
+      Send(commands);
+    for (int i = 0; i + 1 < c.lines; ++i) Expect(c.reply);
+    ExpectClosed();
+    const Lines lines = SessionLogLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], Prefix() + c.logged);
+  }
+}
+
+// A client that sends commands but does not read its replies holds at most 64 KiB of them
+// before login; then its commands wait.
+TEST_F(MonitoringSessionTest, RepliesWaitingForAClientThatHasNotLoggedInStayUnder64KiB) {
+  Connect(4096);
+  const int small = 4096;
+  ASSERT_EQ(
+      ::setsockopt(Session().GetIncomingSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
+  client_->SetReading(false);
+  std::string users;
+  while (users.size() + 17 <= MonitoringSession::kPreLoginFrameLimit)
+    users += "user logwatcher\r\n";
+  for (int i = 0; i < 30; ++i) Send(users);  // 7200 replies of about 24 bytes
+  std::size_t largest_unsent = 0;
+  std::size_t previous = 0;
+  int unchanged = 0;
+  ASSERT_TRUE(PumpUntil([&] {
+    const std::size_t unsent = Session().GetIncomingBuffer().size();
+    largest_unsent = std::max(largest_unsent, unsent);
+    unchanged = unsent == previous ? unchanged + 1 : 0;
+    previous = unsent;
+    return unchanged == 3;
+  }));
+  EXPECT_GT(largest_unsent, MonitoringSession::kPreLoginPendingBytes);
+  EXPECT_LE(largest_unsent, MonitoringSession::kPreLoginPendingBytes + 8 * 1024);
+}
+
+// The clock stands still here: the test moves it.
+TEST_F(MonitoringSessionTest, TenFailedLoginsFromOneAddressWithinAMinuteRefuseItForAMinute) {
+  ticking_ = false;
+  for (int session = 0; session < 4; ++session) {
+    Connect();
+    Send("user logwatcher\r\n");
+    Expect("+OK\r\n");
+    for (int i = 0; i < (session < 3 ? 3 : 1); ++i) {
+      Send("pass wrong\r\n");
+      Expect("-ERR Login failed (invalid password)\r\n");
+    }
+  }
+  Send("pass " + kPassword + "\r\n");
+  Expect("-ERR Login failed (invalid password)\r\n");
+  now_ += LoginGuard::kRefusalSeconds;
+  Send("pass " + kPassword + "\r\n");
+  Expect("+OK Login successful\r\n");
+  const std::string peer = " from 127.0.0.1";
+  const Lines lines = SessionLogLines();
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(Lines(lines.end() - 4, lines.end()),
+            (Lines{Prefix() + "Login failed: user \"logwatcher\"" + peer + " (wrong password)",
+                   Prefix() + "Refusing logins from 127.0.0.1 for 60 s after 10 failed logins",
+                   Prefix() + "Login failed: user \"logwatcher\"" + peer +
+                       " (address refused after repeated failures)",
+                   Prefix() + "Login of user \"logwatcher\"" + peer}));
+}
+
+// Files are listed after login only; neither a link out of the root nor ".." reaches a file
+// outside it, also when the link replaces a listed file later.
+TEST_F(MonitoringSessionTest, NothingOutsideTheDocumentRootIsListedOrSent) {
+  testutil::TempDir outside;
+  testutil::WriteFile(outside.File("secret.log"), "secret\n");
+  ASSERT_EQ(::symlink(outside.File("secret.log").c_str(), root_.File("out.log").c_str()), 0);
+  ASSERT_EQ(::symlink("a.log", root_.File("in.log").c_str()), 0);
+  Connect();
+  EXPECT_TRUE(Session().GetLogFiles().empty());
+  StartA();
+  Send("list\r\n");
+  for (const char* name :
+       {"a.log\r\n", "b.log\r\n", "in.log\r\n", "restart.log\r\n", "sub/c.log\r\n", "+OK\r\n"}) {
+    Expect(name);
+  }
+  for (const char* name : {"b.log", "a.log"}) {  // swapped for links after the listing
+    ASSERT_EQ(::unlink(root_.File(name).c_str()), 0);
+    ASSERT_EQ(::symlink(outside.File("secret.log").c_str(), root_.File(name).c_str()), 0);
+  }
+  testutil::WriteFile(outside.File("secret.log"), "more\n", true);
+  ExpectNoReply();  // the a.log that is followed now leads out of the root
+  const Lines names = {"../" + FWFileName::GetName(outside.Path()) + "/secret.log", "b.log",
+                       "in.log"};
+  for (const std::string& name : names) {
+    Send("start " + name + "\r\n");
+    Expect("-ERR invalid logfile name\r\n");
+  }
+  const std::string log = LogStream.GetLogBuffer();
+  EXPECT_NE(log.find("Not inside the document root, skipped: " + root_.File("out.log") + " -> " +
+                     outside.File("secret.log")),
+            std::string::npos);
+  EXPECT_NE(log.find("Refused name \"b.log\" from 127.0.0.1"), std::string::npos);
+  EXPECT_NE(log.find("Refused name \"../"), std::string::npos);
 }
 
 // ---- Tailing ----
@@ -656,7 +810,8 @@ TEST_F(MonitoringSessionTest, ClientRoleLogsInAndReceivesDataLines) {
       << reader.GetReceivedText();
   reader.SendCommand("quit\r\n");
   EXPECT_TRUE(PumpUntil([&] { return !reader.IsOpen(); }));
-  EXPECT_EQ(SessionLogLines(), Lines{"Session 7: Connection closed by server"});
+  const Lines lines = SessionLogLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Session 7: Connection closed by server"), 1);
   extra_pass_ = nullptr;
 }
 

@@ -1,5 +1,7 @@
 #include "SessionManager.h"
 
+#include <sys/resource.h>
+
 #include <list>
 #include <memory>
 #include <string>
@@ -94,6 +96,24 @@ TEST_F(SessionManagerTest, PortNameIsUniqueWhenOnlyThePortItselfHasIt) {
   EXPECT_FALSE(manager_.IsPortNameUnique(second));
   EXPECT_TRUE(manager_.IsPortNameUnique(third));
   EXPECT_FALSE(manager_.IsPortNameUnique(nullptr));
+}
+
+// Two descriptors per session must fit below the select limit (1024) and the soft limit, which
+// FitDescriptorLimit raises as far as the hard limit allows. Eight are the daemon's own with one
+// port.
+TEST_F(SessionManagerTest, PoolFitsTheDescriptorLimitsAndTheSoftLimitIsRaisedForIt) {
+  AddPort("A", "", "1");
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  ASSERT_GE(saved.rlim_max, 1024u) << "the test needs a hard descriptor limit of 1024";
+  rlimit low = saved;
+  low.rlim_cur = 200;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  EXPECT_EQ(manager_.GetPoolSize(), (200 - 8) / 2);
+  EXPECT_EQ(manager_.FitDescriptorLimit(), "descriptor limit raised from 200 to 1024");
+  EXPECT_EQ(manager_.GetPoolSize(), (1024 - 8) / 2);
+  EXPECT_EQ(manager_.FitDescriptorLimit(), "");
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 }  // namespace
