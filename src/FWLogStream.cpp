@@ -1,6 +1,8 @@
 #include "FWLogStream.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -15,6 +17,7 @@ namespace {
 // kStampLength bytes hold the whole stamp ("May 03, 2005, 14:07:09").
 constexpr std::size_t kStampLength = 22;
 constexpr std::size_t kViewerChunk = 999;
+constexpr mode_t kFileMode = 0640;
 
 bool StatFile(const std::string& name, struct stat* st) { return ::stat(name.c_str(), st) == 0; }
 
@@ -112,7 +115,11 @@ void FWLogStream::OpenFile(const std::string& name, bool rotate) {
   }
   // A missing file has nothing to rotate; rotating it would only delete the backup.
   if (exists && (forced || rotate || RotationDue(today))) Rotate(today);
-  file_.reset(std::fopen(name.c_str(), "a"));
+  // Created for the owner and the group only: the log names clients, users and files.
+  const int fd = ::open(name.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode);
+  if (fd < 0) return;
+  file_.reset(::fdopen(fd, "a"));
+  if (!file_) ::close(fd);
 }
 
 void FWLogStream::Rotate(int32_t today) {

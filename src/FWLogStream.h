@@ -23,8 +23,9 @@ class FWLogStream {
   FWLogStream(const FWLogStream&) = delete;
   FWLogStream& operator=(const FWLogStream&) = delete;
 
-  // Closes an open file, then opens `name` for appending; rotates it first when `rotate` is true,
-  // when it is over its size or age limit, unreadable, or starts with a stamp in the future.
+  // Closes an open file, then opens `name` for appending (a new file gets mode 0640); rotates it
+  // first when `rotate` is true, when it is over its size or age limit, unreadable, or starts
+  // with a stamp in the future.
   void OpenFile(const std::string& name, bool rotate);
   void Log(const std::string& text, const std::string& source);
   void Log(const std::string& text) { Log(text, ""); }
