@@ -6,6 +6,7 @@
 // every port, so that only a daemon that will serve detaches: any failure is printed on standard
 // error and logged, with what to do about it, and the process exits with status 1. It then
 // serves until SIGINT or SIGTERM (also one received during start-up) and exits with status 0.
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -23,6 +24,7 @@
 #include "FWIniParser.h"
 #include "FWLogStream.h"
 #include "FWProduct.h"
+#include "FWPublishSubscribe.h"
 #include "FWStringUtils.h"
 #include "MonitoringPort.h"
 #include "ProxyPort.h"
@@ -168,6 +170,11 @@ class StartupReport {
     LogStream.Log(text);
     Show(text);
   }
+  // A warning: the daemon serves, but the operator should change something.
+  void Warn(const std::string& text) const {
+    LogStream.Log(FWNotification(text, 0, FWNotification::kWarning));
+    Show("warning: " + text);
+  }
   // Standard error only, for a text the log already has.
   void Show(const std::string& text) const {
     if (!echoed_) std::fprintf(stderr, "norvaned: %s\n", text.c_str());
@@ -291,12 +298,29 @@ void PrintSummary(const SessionManager& manager, const std::string& path) {
   }
 }
 
+// Created for the owner and the group only, like the log.
 void WritePidFile(const std::string& name) {
-  try {
-    FWStringUtils::SaveToFile(FWStringUtils::GetDefaultInstance().Int2Str(getpid()) + "\n", name);
-  } catch (const FWException& e) {
-    LogStream.Log("can't write the pid file: " + e.GetText());
+  const std::string text = std::to_string(getpid()) + "\n";
+  const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
+  bool written =
+      fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  int error = errno;
+  if (fd >= 0 && ::close(fd) != 0 && written) {
+    written = false;
+    error = errno;
   }
+  if (!written) {
+    LogStream.Log("can't write the pid file " + name + " (" + GetErrorMessage(error) + ")");
+  }
+}
+
+// The configuration holds the ports' passwords: other users should not read it.
+void WarnIfReadableByOthers(const std::string& path, const StartupReport& report) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || (st.st_mode & S_IROTH) == 0) return;
+  report.Warn(FWStringUtils::Printf(
+      "%s may be read by every user (mode %04o) and holds the ports' passwords; chmod o-r %s",
+      path.c_str(), static_cast<unsigned>(st.st_mode & 07777), path.c_str()));
 }
 
 // Runs the loop until a signal arrives; the exit code.
@@ -350,8 +374,15 @@ int main(int argc, char* argv[]) {
   }
   ManagerInstance = manager.get();
   int code = kExitFailed;
-  if (ReadConfiguration(*manager, config, !named_config.empty(), report) &&
-      CheckConfiguration(*manager, config, report) && OpenPorts(*manager, config, report)) {
+  bool ready = ReadConfiguration(*manager, config, !named_config.empty(), report) &&
+               CheckConfiguration(*manager, config, report);
+  const std::string descriptors = ready ? manager->FitDescriptorLimit() : std::string();
+  ready = ready && OpenPorts(*manager, config, report);
+  if (ready) {
+    // After the start-up lines of the log, before detaching: on the terminal and in the log.
+    if (!descriptors.empty()) report.Say(descriptors);
+    WarnIfReadableByOthers(config, report);
+    for (const std::string& warning : manager->SecurityWarnings()) report.Warn(warning);
     if (!options.foreground && daemon(1, 0) != 0) {
       const int error = errno;
       report.Fail("can't detach (" + GetErrorMessage(error) + ")", "try norvaned --foreground");

@@ -220,6 +220,22 @@ std::vector<std::string> SessionManager::ConfigurationProblems() const {
   return problems;
 }
 
+std::vector<std::string> SessionManager::SecurityWarnings() const {
+  std::vector<std::string> warnings;
+  int number = 0;
+  for (const ProxyPort* port : ports_) {
+    ++number;
+    const auto* monitoring = dynamic_cast<const MonitoringPort*>(port);
+    if (monitoring == nullptr || !monitoring->HasDefaultPassword()) continue;
+    const std::string name = port->GetName().empty() ? "" : port->GetName() + ", ";
+    warnings.push_back(FWStringUtils::Printf(
+        "port %d (%s%s) keeps the built-in default password, so it admits logins from 127.0.0.1 "
+        "and ::1 only; set a Password of its own to serve other hosts",
+        number, name.c_str(), port->GetAddressText().c_str()));
+  }
+  return warnings;
+}
+
 void SessionManager::LogBanner() const {
   const std::string rule(60, '-');
   LogStream.Log(rule);

@@ -70,15 +70,18 @@ class SessionManager final : public FWObject, public FWSubscriber {
   virtual void Init();
   // The first part of Init: copies the log limits into LogStream, logs the banner, the system
   // texts and the configuration (passwords masked), fills the session-number pool
-  // (GetPoolSize()), hands the monitoring ports the login guard and opens every port (an exception from a port propagates; the failing port is the first one
-  // without a listening socket). The daemon runs it before it detaches: sockets survive the fork,
-  // a thread would not.
+  // (GetPoolSize()), hands the monitoring ports the login guard and opens every port (an exception
+  // from a port propagates; the failing port is the first one without a listening socket). The
+  // daemon runs it before it detaches: sockets survive the fork, a thread would not.
   void InitPorts();
   // The second part of Init: starts the worker thread. Call it after InitPorts.
   void InitWorker();
   // What keeps this configuration from serving, one text per problem, each naming its port
   // ("port 1 (Monitoring, 127.0.0.1:9080): Password must not be empty"); empty when it can serve.
   std::vector<std::string> ConfigurationProblems() const;
+  // What the operator must be warned of at start-up, one text per port that keeps the built-in
+  // default password (or has none), which admits loopback clients only.
+  std::vector<std::string> SecurityWarnings() const;
   // One pass of the event loop; see the .cpp for its steps. Throws FWESocketError
   // ("classes/SessionManager", 411, "select", ...) when select fails other than by EINTR, and
   // lets through exceptions that are not FWExceptions. A session's FWException ends that session.

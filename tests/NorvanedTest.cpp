@@ -5,13 +5,18 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <chrono>
 #include <filesystem>
+#include <memory>
+#include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,17 +36,24 @@ using std::chrono::seconds;
 
 const std::string kRule(60, '-');
 
-// A plain TCP client of the test, closed by its destructor.
+// A plain TCP client of the test, closed by its destructor. It connects to 127.0.0.1 from source
+// (127.0.0.2 stands in for a remote host); receive_buffer > 0 fixes its receive buffer.
 class Client {
  public:
-  explicit Client(int port) {
+  explicit Client(int port, const char* source = "127.0.0.1", int receive_buffer = 0,
+                  int timeout_seconds = 2) {
     fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    ::inet_pton(AF_INET, source, &address.sin_addr);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    if (receive_buffer > 0) {
+      ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    }
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<uint16_t>(port));
     connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    timeval timeout{2, 0};  // every read of the test is bounded
+    timeval timeout{timeout_seconds, 0};  // every read of the test is bounded
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
   }
   ~Client() { ::close(fd_); }
@@ -53,6 +65,14 @@ class Client {
     const std::string frame = codec_.Frame(line);
     ASSERT_EQ(::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(frame.size()));
+  }
+  // Greeting, user and password: the last reply.
+  std::string Login(const std::string& password) {
+    Receive();
+    Send("user logwatcher\r\n");
+    Receive();
+    Send("pass " + password + "\r\n");
+    return Receive();
   }
   // The next message from the daemon; "<closed>" when it closed the connection, "<timeout>" when
   // nothing whole arrived within the bounded read.
@@ -94,8 +114,11 @@ class NorvanedTest : public ::testing::Test {
     }
   }
 
-  // A configuration with one monitoring port on 127.0.0.1 serving logs_, plus extra keys.
+  // A configuration with one monitoring port on 127.0.0.1 serving logs_, plus extra keys; only its
+  // owner may read it.
   void WriteConfig(const std::string& root_keys = "", const std::string& port_keys = "") {
+    testutil::WriteFile(home_.File("Norvane.cf"), "");
+    ASSERT_EQ(::chmod(home_.File("Norvane.cf").c_str(), 0600), 0);
     testutil::WriteFile(home_.File("Norvane.cf"),
                         "FileVersion=1.0\n[SessionManager]\n" + root_keys +
                             "[SessionManager\\Ports\\MonitoringPort]\nIncomingServer=127.0.0.1\n"
@@ -104,20 +127,24 @@ class NorvanedTest : public ::testing::Test {
                             port_keys);
   }
 
-  // Runs the binary by its absolute path from another directory until the launched process
-  // returns (a daemon that detaches returns at once); its exit status, and its standard output
-  // and error in *output.
-  int Launch(const std::vector<std::string>& args, std::string* output = nullptr) {
-    testutil::ChildProcess launcher(binary_, args, elsewhere_.Path(), home_.File("output"));
+  // Runs the binary by its absolute path from another directory, through a wrapper command
+  // ("prlimit", ...) if one is given, until the launched process returns (a daemon that detaches
+  // returns at once); its exit status, and its standard output and error in *output.
+  int Launch(const std::vector<std::string>& args, std::string* output = nullptr,
+             std::vector<std::string> wrapper = {}) {
+    wrapper.push_back(binary_);
+    wrapper.insert(wrapper.end(), args.begin(), args.end());
+    testutil::ChildProcess launcher(wrapper.front(), {wrapper.begin() + 1, wrapper.end()},
+                                    elsewhere_.Path(), home_.File("output"));
     int status = -1;
     EXPECT_TRUE(launcher.WaitExit(seconds(20), &status)) << "the launcher did not return";
     if (output != nullptr) *output = testutil::ReadFile(home_.File("output"));
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   // Starts the daemon and waits for its pid file.
-  void Start() {
+  void Start(const std::vector<std::string>& wrapper = {}) {
     std::filesystem::remove(home_.File("Norvane.pid"));
-    ASSERT_EQ(Launch({}, &output_), 0) << output_;
+    ASSERT_EQ(Launch({}, &output_, wrapper), 0) << output_;
     ASSERT_TRUE(testutil::WaitUntil([&] { return !PidFile().empty(); }, seconds(10)))
         << "no Norvane.pid";
     pid_ = std::stoi(PidFile());
@@ -144,6 +171,21 @@ class NorvanedTest : public ::testing::Test {
   }
 
   std::string PidFile() const { return testutil::ReadFile(home_.File("Norvane.pid")); }
+  // A field of the daemon's /proc/<pid>/<file> ("VmRSS:" of status, "rchar:" of io); -1 if none.
+  long ProcField(const std::string& file, const std::string& field) const {
+    const std::string text =
+        "\n" + testutil::ReadFile("/proc/" + std::to_string(pid_) + "/" + file);
+    const std::size_t at = text.find("\n" + field);
+    return at == std::string::npos ? -1 : std::stol(text.substr(at + 1 + field.size()));
+  }
+  std::size_t CountInLog(const std::string& text) const {
+    std::size_t count = 0;
+    const std::string log = Log();
+    for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+      ++count;
+    }
+    return count;
+  }
   std::string Log() const { return testutil::ReadFile(home_.File("Norvane.log")); }
   // The log's lines without their time stamps (the first 23 bytes of every line).
   std::vector<std::string> LogLines() const {
@@ -175,7 +217,7 @@ std::size_t IndexOf(const std::vector<std::string>& lines, const std::string& pr
 }  // namespace
 
 TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsStartupAndStopsOnSigterm) {
-  WriteConfig();
+  WriteConfig("", "Password=own-Secret-7\n");
   Start();
   EXPECT_EQ(PidFile(), std::to_string(pid_) + "\n");
   ASSERT_TRUE(WaitForPort());
@@ -206,14 +248,23 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsStartupAndStopsOnSigterm) {
                                " listening on 127.0.0.1:" + std::to_string(port_)),
             lines.size());
 
+  // The password is masked; the log and the pid file are for the owner and the group only.
+  EXPECT_LT(IndexOf(lines, "    Password=\"********\""), lines.size());
+  EXPECT_EQ(Log().find("own-Secret-7"), std::string::npos);
+  for (const char* name : {"Norvane.log", "Norvane.pid"}) {
+    struct stat st {};
+    ASSERT_EQ(::stat(home_.File(name).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u) << name;
+  }
+
   EXPECT_EQ(StopWith(SIGTERM), 0);
   const std::vector<std::string> after = LogLines();
-  ASSERT_GE(after.size(), 2u);
-  EXPECT_EQ(after[after.size() - 2], "Going down on signal 15");
-  EXPECT_EQ(after.back(), lines[1].substr(0, lines[1].size() - 13) + " shutting down");
+  const std::size_t going_down = IndexOf(after, "Going down on signal 15");
+  ASSERT_LT(going_down + 1, after.size());
+  EXPECT_EQ(after[going_down + 1], lines[1].substr(0, lines[1].size() - 13) + " shutting down");
   EXPECT_FALSE(Client(port_).Connected()) << "the port is still open after shutdown";
   EXPECT_FALSE(testutil::FileExists(home_.File("Norvane.pid")));
-  EXPECT_EQ(output_, "") << "a good start prints nothing";
+  EXPECT_EQ(output_, "") << "a good start prints nothing";  // own password, private file
 }
 
 TEST_F(NorvanedTest, SigintEndsItTheSameWayAndClosesConnectedClients) {
@@ -372,7 +423,8 @@ TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndEndsOnSigtermAlsoDuringStar
   EXPECT_NE(echoed.find(" listening on 127.0.0.1:" + std::to_string(port_) + "\n"),
             std::string::npos)
       << echoed;
-  EXPECT_EQ(echoed.substr(echoed.size() - 14), "shutting down\n");
+  // Sessions still open when it goes down are ended after this line.
+  EXPECT_NE(echoed.find(" shutting down\n"), std::string::npos) << echoed;
 }
 
 TEST_F(NorvanedTest, LogRotatesBySizeWhenMaxLogFileSizeIsSmall) {
@@ -410,10 +462,28 @@ TEST_F(NorvanedTest, WholeSessionThroughTheRealBinary) {
   // Appended right after the reply: not old content, so it arrives.
   testutil::WriteFile(logs_.File("restart.log"), "new line\n", true);
   EXPECT_EQ(client.Receive(), "new line\r\n");
+  client.Send("stop\r\n");
+  EXPECT_EQ(client.Receive(), "+OK logfile transmission stopped\r\n");
+  client.Send("start ../../../etc/passwd\r\n");
+  EXPECT_EQ(client.Receive(), "-ERR invalid logfile name\r\n");
   client.Send("quit\r\n");
   EXPECT_EQ(client.Receive(), "+OK closing connection\r\n");
   EXPECT_EQ(client.Receive(), "<closed>");
   EXPECT_EQ(StopWith(SIGTERM), 0);
+  // The audit trail: who logged in, followed and stopped which file, asked for what, and sent
+  // how much.
+  const std::string log = Log();
+  const std::size_t login = log.find(": Login of user");
+  ASSERT_NE(login, std::string::npos);
+  const std::size_t start = log.rfind("Session ", login);
+  const std::string prefix = log.substr(start, login + 2 - start);
+  const std::string path = "\"" + logs_.Path() + "/restart.log\" from 127.0.0.1";
+  for (const std::string& line :
+       {std::string("Login of user \"logwatcher\" from 127.0.0.1"), "Start " + path, "Stop " + path,
+        std::string("Refused name \"../../../etc/passwd\" from 127.0.0.1"),
+        std::string("Connection from 127.0.0.1 ended, ")}) {
+    EXPECT_EQ(CountInLog(prefix + line), 1u) << prefix + line;
+  }
 }
 
 TEST_F(NorvanedTest, ShippedExampleConfigurationNamesEveryMemberAndStartsTheDaemon) {
@@ -435,4 +505,140 @@ TEST_F(NorvanedTest, ShippedExampleConfigurationNamesEveryMemberAndStartsTheDaem
   ASSERT_TRUE(WaitForPort()) << Log();
   EXPECT_EQ(Log().find("Invalid configuration option"), std::string::npos) << Log();
   EXPECT_EQ(StopWith(SIGTERM), 0);
+}
+
+// ---- Hostile clients ----
+
+namespace {
+
+const std::string kPassword = "Kem01&*sB";
+const std::string kLoginFailed = "-ERR Login failed (invalid password)\r\n";
+constexpr std::size_t kMiB = 1024 * 1024;
+
+}  // namespace
+
+// A logged-in client on a small receive buffer that never reads while its file grows by
+// megabytes: the daemon goes on reading the file for it and serves another client meanwhile.
+TEST_F(NorvanedTest, ClientThatNeverReadsHoldsUpNoOtherClient) {
+  testutil::WriteFile(logs_.File("app.log"), "");
+  WriteConfig();
+  Start();
+  ASSERT_TRUE(WaitForPort());
+  Client stalled(port_, "127.0.0.1", 4096);
+  ASSERT_EQ(stalled.Login(kPassword), "+OK Login successful\r\n");
+  stalled.Send("start app.log\r\n");
+  ASSERT_EQ(stalled.Receive(), "+OK start transmitting " + logs_.Path() + "/app.log\r\n");
+  const long read_before = ProcField("io", "rchar:");
+  std::mt19937 random(7);
+  std::string noise;  // printable noise: the frames are nearly as large as the file
+  while (noise.size() < 12 * kMiB) {
+    for (int i = 0; i < 99; ++i) noise += static_cast<char>('!' + random() % 94);
+    noise += '\n';
+  }
+  testutil::WriteFile(logs_.File("app.log"), noise, true);
+  ASSERT_TRUE(testutil::WaitUntil(
+      [&] { return ProcField("io", "rchar:") - read_before >= static_cast<long>(8 * kMiB); },
+      seconds(30)))
+      << "the daemon stopped reading the file for the stalled client";
+  Client other(port_, "127.0.0.1", 0, 10);
+  EXPECT_EQ(other.Login(kPassword), "+OK Login successful\r\n");
+  other.Send("list\r\n");
+  EXPECT_EQ(other.Receive(), "app.log\r\n");
+  EXPECT_EQ(other.Receive(), "+OK\r\n");
+}
+
+// One frame of about 4.6 KB that inflates to 524,287 empty lines, each an invalid command.
+TEST_F(NorvanedTest, FrameOfEmptyLinesBeforeLoginEndsOnlyItsConnectionAndCostsNoMemory) {
+  WriteConfig();
+  Start();
+  ASSERT_TRUE(WaitForPort());
+  EXPECT_EQ(Client(port_).Login(kPassword), "+OK Login successful\r\n");
+  const long rss_before = ProcField("status", "VmRSS:");
+  Client attacker(port_, "127.0.0.1", 4096);
+  EXPECT_EQ(attacker.Receive(), "Norvane Monitoring Service Ready.\r\n");
+  std::string lines;
+  for (int i = 0; i < 524287; ++i) lines += "\r\n";
+  ASSERT_GT(FWFeedCodec(1, 1).Frame(lines).size(), 4096u + 8);
+  attacker.Send(lines);
+  EXPECT_EQ(attacker.Receive(), "<closed>");
+  EXPECT_EQ(Client(port_).Login(kPassword), "+OK Login successful\r\n");
+  EXPECT_LT(ProcField("status", "VmRSS:") - rss_before, 4096) << "KiB more resident memory";
+  EXPECT_TRUE(WaitForLog("Frame too large\n"));
+}
+
+// The hard limit of 64 descriptors holds 28 sessions (8 are the daemon's own); lowered to 16
+// after start, accepts fail: the daemon logs that once, stops accepting for a moment instead of
+// spinning, and serves again once descriptors are free.
+TEST_F(NorvanedTest, OutOfDescriptorsItSaysSoWaitsWithoutSpinningAndRecovers) {
+  WriteConfig();
+  Start({"/usr/bin/prlimit", "--nofile=64:64"});
+  ASSERT_TRUE(WaitForPort());
+  EXPECT_TRUE(WaitForLog("Descriptor limit 64 (hard limit 64) holds only 28 sessions"));
+  const rlimit tiny{16, 16};
+  ASSERT_EQ(::prlimit(pid_, RLIMIT_NOFILE, &tiny, nullptr), 0);
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 16; ++i) clients.push_back(std::make_unique<Client>(port_));
+  const std::string shortage = "Too many open files; new connections wait";
+  ASSERT_TRUE(WaitForLog(shortage));
+  const std::string stat_path = "/proc/" + std::to_string(pid_) + "/stat";
+  const auto cpu_ticks = [&] {  // utime + stime, fields 14 and 15
+    std::istringstream fields(
+        testutil::ReadFile(stat_path).substr(testutil::ReadFile(stat_path).rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+      if (i >= 14) ticks += std::stol(field);
+    }
+    return ticks;
+  };
+  const long ticks_before = cpu_ticks();
+  // Two seconds in which a spinning loop would log thousands of lines and burn the CPU.
+  EXPECT_FALSE(testutil::WaitUntil([&] { return CountInLog(shortage) > 1; }, seconds(2)));
+  EXPECT_LT(cpu_ticks() - ticks_before, ::sysconf(_SC_CLK_TCK) / 2) << "ticks of CPU time";
+  EXPECT_EQ(CountInLog("(accept)"), 0u);
+  clients.clear();
+  Client late(port_, "127.0.0.1", 0, 10);
+  EXPECT_EQ(late.Login(kPassword), "+OK Login successful\r\n");
+}
+
+// The built-in password admits loopback clients only; three wrong passwords end a session and
+// ten failures from one address within a minute refuse it. 127.0.0.2 stands in for a remote host.
+TEST_F(NorvanedTest, DefaultPasswordAdmitsLoopbackOnlyAndGuessesAreBraked) {
+  WriteConfig();
+  const std::string config = home_.File("Norvane.cf");
+  ASSERT_EQ(::chmod(config.c_str(), 0644), 0);
+  Start();
+  const std::string warnings[] = {
+      config + " may be read by every user (mode 0644) and holds the ports' passwords; chmod o-r " +
+          config,
+      "port 1 (Monitoring, 127.0.0.1:" + std::to_string(port_) +
+          ") keeps the built-in default password, so it admits logins from 127.0.0.1 and ::1 "
+          "only; set a Password of its own to serve other hosts"};
+  EXPECT_EQ(output_,
+            "norvaned: warning: " + warnings[0] + "\nnorvaned: warning: " + warnings[1] + "\n");
+  for (std::string warning : warnings) {
+    warning[0] = static_cast<char>(std::toupper(warning[0]));
+    EXPECT_EQ(CountInLog("WARNING: " + warning + "\n"), 1u) << warning;
+  }
+  ASSERT_TRUE(WaitForPort());
+  EXPECT_EQ(Client(port_, "127.0.0.2").Login(kPassword), kLoginFailed);
+  EXPECT_EQ(Client(port_).Login(kPassword), "+OK Login successful\r\n");
+  for (int session = 0; session < 3; ++session) {
+    Client guesser(port_, "127.0.0.2");
+    EXPECT_EQ(guesser.Login("guess1"), kLoginFailed);
+    for (const char* guess : {"pass guess2\r\n", "pass guess3\r\n"}) {
+      guesser.Send(guess);
+      EXPECT_EQ(guesser.Receive(), kLoginFailed);
+    }
+    EXPECT_EQ(guesser.Receive(), "<closed>");
+  }
+  EXPECT_EQ(Client(port_).Login(kPassword), "+OK Login successful\r\n");
+  ASSERT_TRUE(WaitForLog("Refusing logins from 127.0.0.2 for 60 s after 10 failed logins\n"));
+  EXPECT_EQ(CountInLog("Refusing logins"), 1u);
+  EXPECT_EQ(CountInLog("Login failed: user \"logwatcher\" from 127.0.0.2 (the default password "
+                       "admits loopback clients only)\n"),
+            1u);
+  EXPECT_EQ(CountInLog("Login failed: user \"logwatcher\" from 127.0.0.2 (wrong password)\n"), 9u);
+  EXPECT_EQ(CountInLog("Closing after 3 failed logins\n"), 3u);
+  EXPECT_EQ(CountInLog("guess"), 0u);
 }
