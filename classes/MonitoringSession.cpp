@@ -373,8 +373,10 @@ void MonitoringSession::HandleStart(const std::string& line) {
     tail_.Stop();
     const auto found = std::find(log_files_.begin(), log_files_.end(), name);
     const std::string root = monitoring_port_->GetDocumentRoot();
-    // Opened beneath the root: a link swapped in since the listing cannot lead out of it.
-    const int error = found == log_files_.end() ? EXDEV : tail_.Start(root, *found);
+    // A name not listed is refused like one that leads out of the root. Listed files are opened
+    // beneath the root, so a link swapped in since the listing cannot lead out of it either.
+    int error = EXDEV;
+    if (found != log_files_.end()) error = tail_.Start(root, *found);
     if (error == EXDEV) {
       SendReply("-ERR invalid logfile name\r\n");
       Log(FWStringUtils::Printf("refused name %s from %s", Quoted(name).c_str(),

@@ -275,27 +275,28 @@ int SessionManager::GetFixedDescriptors() const {
   return kOtherDescriptors + static_cast<int>(ports_.size());
 }
 
+int SessionManager::GetFullPoolSize() const {
+  return std::max(0, (FD_SETSIZE - GetFixedDescriptors()) / kDescriptorsPerSession);
+}
+
 int SessionManager::GetPoolSize() const {
-  long limit = FD_SETSIZE;
   rlimit current{};
-  if (::getrlimit(RLIMIT_NOFILE, &current) == 0 && current.rlim_cur != RLIM_INFINITY) {
-    limit = std::min<long>(limit, static_cast<long>(current.rlim_cur));
+  if (::getrlimit(RLIMIT_NOFILE, &current) != 0 || current.rlim_cur >= FD_SETSIZE) {
+    return GetFullPoolSize();
   }
-  return static_cast<int>(
-      std::max<long>(0, (limit - GetFixedDescriptors()) / kDescriptorsPerSession));
+  const long room = static_cast<long>(current.rlim_cur) - GetFixedDescriptors();
+  return static_cast<int>(std::max<long>(0, room / kDescriptorsPerSession));
 }
 
 std::string SessionManager::FitDescriptorLimit() {
-  const rlim_t wanted = static_cast<rlim_t>(
-      GetFixedDescriptors() +
-      kDescriptorsPerSession * ((FD_SETSIZE - GetFixedDescriptors()) / kDescriptorsPerSession));
+  const auto wanted =
+      static_cast<rlim_t>(GetFixedDescriptors() + kDescriptorsPerSession * GetFullPoolSize());
   rlimit current{};
   if (::getrlimit(RLIMIT_NOFILE, &current) != 0 || current.rlim_cur >= wanted) return "";
   const rlim_t before = current.rlim_cur;
   rlimit raised = current;
   raised.rlim_cur = std::min(wanted, current.rlim_max);
-  if (raised.rlim_cur > before && ::setrlimit(RLIMIT_NOFILE, &raised) != 0)
-    raised.rlim_cur = before;
+  if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) raised.rlim_cur = before;
   if (raised.rlim_cur >= wanted) {
     return FWStringUtils::Printf("descriptor limit raised from %lu to %lu",
                                  static_cast<unsigned long>(before),
@@ -304,8 +305,7 @@ std::string SessionManager::FitDescriptorLimit() {
   return FWStringUtils::Printf(
       "descriptor limit %lu (hard limit %lu) holds only %d sessions; raise it to %lu for all %d",
       static_cast<unsigned long>(raised.rlim_cur), static_cast<unsigned long>(current.rlim_max),
-      GetPoolSize(), static_cast<unsigned long>(wanted),
-      (FD_SETSIZE - GetFixedDescriptors()) / kDescriptorsPerSession);
+      GetPoolSize(), static_cast<unsigned long>(wanted), GetFullPoolSize());
 }
 
 void SessionManager::ResetSessionNumbers() {

@@ -122,6 +122,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // follows, or its two sockets) must fit below the select limit of 1024 descriptors and below
   // the soft descriptor limit.
   int GetPoolSize() const;
+  // The pool under the select limit alone.
+  int GetFullPoolSize() const;
   // Raises the soft descriptor limit (RLIMIT_NOFILE) to what the full pool needs, as far as the
   // hard limit allows. Returns what it did for the start-up messages: "" when the limit was
   // enough, else the raise or, when the hard limit is too low, the smaller pool. Call before Init.

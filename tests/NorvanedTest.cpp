@@ -3,6 +3,7 @@
 // its port, and stopped with a signal.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -37,11 +38,12 @@ using std::chrono::seconds;
 const std::string kRule(60, '-');
 
 // A plain TCP client of the test, closed by its destructor. It connects to 127.0.0.1 from source
-// (127.0.0.2 stands in for a remote host); receive_buffer > 0 fixes its receive buffer.
+// (127.0.0.2 stands in for a remote host); receive_buffer > 0 fixes its receive buffer, and
+// max_segment > 0 its segment size, as small as over some real networks.
 class Client {
  public:
   explicit Client(int port, const char* source = "127.0.0.1", int receive_buffer = 0,
-                  int timeout_seconds = 2) {
+                  int timeout_seconds = 2, int max_segment = 0) {
     fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -49,6 +51,9 @@ class Client {
     ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
     if (receive_buffer > 0) {
       ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    }
+    if (max_segment > 0) {
+      ::setsockopt(fd_, IPPROTO_TCP, TCP_MAXSEG, &max_segment, sizeof(max_segment));
     }
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<uint16_t>(port));
@@ -177,6 +182,27 @@ class NorvanedTest : public ::testing::Test {
         "\n" + testutil::ReadFile("/proc/" + std::to_string(pid_) + "/" + file);
     const std::size_t at = text.find("\n" + field);
     return at == std::string::npos ? -1 : std::stol(text.substr(at + 1 + field.size()));
+  }
+  // The daemon's sockets that are in blocking mode (O_NONBLOCK, octal 04000, clear in the flags
+  // of /proc/<pid>/fdinfo), and how many sockets it has.
+  int BlockingSockets(int* sockets) const {
+    const std::string proc = "/proc/" + std::to_string(pid_);
+    int blocking = 0;
+    *sockets = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) {
+      std::error_code error;
+      if (std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) != 0) {
+        continue;
+      }
+      ++*sockets;
+      const std::string info =
+          testutil::ReadFile(proc + "/fdinfo/" + entry.path().filename().string());
+      const std::size_t at = info.find("flags:");
+      if (at == std::string::npos || (std::stoul(info.substr(at + 6), nullptr, 8) & 04000) == 0) {
+        ++blocking;
+      }
+    }
+    return blocking;
   }
   std::size_t CountInLog(const std::string& text) const {
     std::size_t count = 0;
@@ -517,14 +543,15 @@ constexpr std::size_t kMiB = 1024 * 1024;
 
 }  // namespace
 
-// A logged-in client on a small receive buffer that never reads while its file grows by
-// megabytes: the daemon goes on reading the file for it and serves another client meanwhile.
+// A logged-in client with a small receive buffer and small segments (so that the daemon's send
+// buffer fills with little data) never reads while its file grows by megabytes: the daemon goes
+// on reading the file for it and serves another client meanwhile.
 TEST_F(NorvanedTest, ClientThatNeverReadsHoldsUpNoOtherClient) {
   testutil::WriteFile(logs_.File("app.log"), "");
   WriteConfig();
   Start();
   ASSERT_TRUE(WaitForPort());
-  Client stalled(port_, "127.0.0.1", 4096);
+  Client stalled(port_, "127.0.0.1", 4096, 2, 100);
   ASSERT_EQ(stalled.Login(kPassword), "+OK Login successful\r\n");
   stalled.Send("start app.log\r\n");
   ASSERT_EQ(stalled.Receive(), "+OK start transmitting " + logs_.Path() + "/app.log\r\n");
@@ -545,6 +572,11 @@ TEST_F(NorvanedTest, ClientThatNeverReadsHoldsUpNoOtherClient) {
   other.Send("list\r\n");
   EXPECT_EQ(other.Receive(), "app.log\r\n");
   EXPECT_EQ(other.Receive(), "+OK\r\n");
+  // Whether a blocking send would have stalled here depends on the kernel's send buffer sizing;
+  // a non-blocking socket never stalls.
+  int sockets = 0;
+  EXPECT_EQ(BlockingSockets(&sockets), 0);
+  EXPECT_EQ(sockets, 3) << "the listener and the two clients";
 }
 
 // One frame of about 4.6 KB that inflates to 524,287 empty lines, each an invalid command.
