@@ -36,6 +36,7 @@ class LogTail final {
   // ends, so every byte appended from now on is returned. A missing path is followed too: the
   // file is returned whole once it appears. A file that exists but cannot be read (no
   // permission, a directory) is not followed: the result is its errno (logged), 0 otherwise.
+  // The file is confined to its own directory, as Start(directory, name) confines it.
   int Start(const std::string& path);
   // The same for the file name (relative, "/" between levels) under root, opened so that
   // neither a link nor ".." leads out of root, also when a link is swapped in later (root itself
