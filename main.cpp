@@ -284,7 +284,21 @@ bool OpenPorts(SessionManager& manager, const std::string& path, const StartupRe
   }
 }
 
-// What --check found good: the file and what each port would serve.
+// What the operator must be warned of: a configuration that every user may read (it holds the
+// ports' passwords), and ports that keep the built-in default password.
+std::vector<std::string> SecurityWarnings(const SessionManager& manager, const std::string& path) {
+  std::vector<std::string> warnings;
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 && (st.st_mode & S_IROTH) != 0) {
+    warnings.push_back(FWStringUtils::Printf(
+        "%s may be read by every user (mode %04o) and holds the ports' passwords; chmod o-r %s",
+        path.c_str(), static_cast<unsigned>(st.st_mode & 07777), path.c_str()));
+  }
+  for (const std::string& warning : manager.SecurityWarnings()) warnings.push_back(warning);
+  return warnings;
+}
+
+// What --check found good: the file, what each port would serve, and the warnings.
 void PrintSummary(const SessionManager& manager, const std::string& path) {
   std::printf("%s: configuration OK, %zu port(s)\n", path.c_str(), manager.GetPorts().size());
   for (const ProxyPort* port : manager.GetPorts()) {
@@ -295,6 +309,9 @@ void PrintSummary(const SessionManager& manager, const std::string& path) {
                   monitoring->GetSearchPattern().c_str());
     }
     std::printf("\n");
+  }
+  for (const std::string& warning : SecurityWarnings(manager, path)) {
+    std::printf("warning: %s\n", warning.c_str());
   }
 }
 
@@ -312,15 +329,6 @@ void WritePidFile(const std::string& name) {
   if (!written) {
     LogStream.Log("can't write the pid file " + name + " (" + GetErrorMessage(error) + ")");
   }
-}
-
-// The configuration holds the ports' passwords: other users should not read it.
-void WarnIfReadableByOthers(const std::string& path, const StartupReport& report) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0 || (st.st_mode & S_IROTH) == 0) return;
-  report.Warn(FWStringUtils::Printf(
-      "%s may be read by every user (mode %04o) and holds the ports' passwords; chmod o-r %s",
-      path.c_str(), static_cast<unsigned>(st.st_mode & 07777), path.c_str()));
 }
 
 // Runs the loop until a signal arrives; the exit code.
@@ -381,8 +389,7 @@ int main(int argc, char* argv[]) {
   if (ready) {
     // After the start-up lines of the log, before detaching: on the terminal and in the log.
     if (!descriptors.empty()) report.Say(descriptors);
-    WarnIfReadableByOthers(config, report);
-    for (const std::string& warning : manager->SecurityWarnings()) report.Warn(warning);
+    for (const std::string& warning : SecurityWarnings(*manager, config)) report.Warn(warning);
     if (!options.foreground && daemon(1, 0) != 0) {
       const int error = errno;
       report.Fail("can't detach (" + GetErrorMessage(error) + ")", "try norvaned --foreground");

@@ -399,9 +399,12 @@ TEST_F(NorvanedTest, CheckReportsTheConfigurationAndStartsNothing) {
   WriteConfig();
   std::string output;
   EXPECT_EQ(Launch({"--check"}, &output), 0);
-  EXPECT_EQ(output, home_.File("Norvane.cf") + ": configuration OK, 1 port(s)\n  Monitoring on " +
-                        "127.0.0.1:" + std::to_string(port_) + " serves " + logs_.Path() +
-                        " (*.log)\n");
+  EXPECT_EQ(output,
+            home_.File("Norvane.cf") + ": configuration OK, 1 port(s)\n  Monitoring on " +
+                "127.0.0.1:" + std::to_string(port_) + " serves " + logs_.Path() +
+                " (*.log)\nwarning: port 1 (Monitoring, 127.0.0.1:" + std::to_string(port_) +
+                ") keeps the built-in default password, so it admits logins from "
+                "127.0.0.1 and ::1 only; set a Password of its own to serve other hosts\n");
   // -c names a file relative to the directory norvaned is started from.
   testutil::WriteFile(elsewhere_.File("other.cf"), "FileVersion=1.0\n[SessionManager]\nx\n");
   EXPECT_EQ(Launch({"-t", "-c", "other.cf"}, &output), 1);
