@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <string>
 
 #include "FWException.h"
@@ -16,6 +17,9 @@ namespace {
 constexpr unsigned kGetClassLine = 155;
 // The backlog of a port whose IncomingConnectionCount is null when it opens.
 constexpr int kDefaultBacklog = 5;
+// The kernel's queue holds at least this many connections, so that a burst of a few hundred
+// (one client following many files) is not dropped while the loop takes them.
+constexpr int kMinimumBacklog = 1024;
 
 }  // namespace
 
@@ -70,7 +74,8 @@ void ProxyPort::Open() {
     // Non-blocking, so that an accept whose connection has gone meanwhile cannot hold the loop.
     sockets.SetBlocking(listening_socket_, false);
     sockets.Bind(listening_socket_, address);
-    sockets.Listen(listening_socket_, static_cast<unsigned>(incoming_connection_count_.Get()));
+    sockets.Listen(listening_socket_, static_cast<unsigned>(std::max(
+                                          incoming_connection_count_.Get(), kMinimumBacklog)));
     LogStream.Log(FWProduct::GetDisplayName() + " listening on " + GetAddressText());
   } catch (...) {
     Close();

@@ -50,10 +50,10 @@ class ProxyPort : public FWObject {
   // is open.
   virtual void Close();
   // Binds IncomingServer:IncomingPort (empty server: all interfaces), listens with
-  // IncomingConnectionCount as backlog (null: 5, which is stored), and logs the display name,
-  // " listening on " and the address ("<all interfaces>" for an empty server). Call it on a
-  // closed port. On any failure it calls Close() and rethrows: FWESocketError from the socket
-  // manager ("(bind) Address already in use", ...).
+  // IncomingConnectionCount as backlog, at least 1024 (null: 5, which is stored), and logs the
+  // display name, " listening on " and the address ("<all interfaces>" for an empty server). Call
+  // it on a closed port. On any failure it calls Close() and rethrows: FWESocketError from the
+  // socket manager ("(bind) Address already in use", ...).
   virtual void Open();
   // Nothing to update in this class.
   virtual void UpdateAddressLists();

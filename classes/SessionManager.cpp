@@ -1,7 +1,8 @@
 #include "SessionManager.h"
 
+#include <poll.h>
 #include <sys/resource.h>
-#include <sys/select.h>
+#include <sys/select.h>  // FD_SETSIZE, which sizes the session pool
 #include <sys/time.h>
 
 #include <algorithm>
@@ -348,38 +349,54 @@ void SessionManager::SaveStatisticsFile(unsigned int /*day*/) {}
 
 // ---- One pass of the loop ----
 
-SessionManager::PassSets::PassSets() {
-  FD_ZERO(&read);
-  FD_ZERO(&write);
-  FD_ZERO(&except);
+void SessionManager::PassSets::Add(int fd, short events) {
+  if (fd <= 0) return;
+  const auto index = static_cast<std::size_t>(fd);
+  if (index >= slot_of.size()) slot_of.resize(index + 1, -1);
+  if (slot_of[index] < 0) {
+    slot_of[index] = static_cast<int>(entries.size());
+    entries.push_back(pollfd{fd, 0, 0});
+  }
+  entries[static_cast<std::size_t>(slot_of[index])].events |= events;
 }
 
-// Descriptors at or above FD_SETSIZE cannot be polled; the session-number pool keeps the daemon's
-// own descriptors below it.
-void SessionManager::PassSets::Add(int fd, fd_set& set) {
-  if (fd <= 0 || fd >= FD_SETSIZE) return;
-  FD_SET(fd, &set);
-  highest = std::max(highest, fd);
+// An error or hang-up counts as readiness for what was asked, as select() reported it: the
+// next read or write then tells the session.
+short SessionManager::PassSets::Revents(int fd, short wanted) const {
+  const auto index = static_cast<std::size_t>(fd);
+  if (fd <= 0 || index >= slot_of.size() || slot_of[index] < 0) return 0;
+  const pollfd& entry = entries[static_cast<std::size_t>(slot_of[index])];
+  if ((entry.events & wanted) == 0) return 0;
+  return static_cast<short>(entry.revents & (wanted | POLLERR | POLLHUP | POLLNVAL));
 }
 
-bool SessionManager::PassSets::Has(int fd, const fd_set& set) {
-  return fd > 0 && fd < FD_SETSIZE && FD_ISSET(fd, &set);
+bool SessionManager::PassSets::IsReadable(int fd) const { return Revents(fd, POLLIN) != 0; }
+
+bool SessionManager::PassSets::IsWritable(int fd) const { return Revents(fd, POLLOUT) != 0; }
+
+int SessionManager::PassSets::CountReady() const {
+  int ready = 0;
+  for (const pollfd& entry : entries) {
+    ready += IsReadable(entry.fd) ? 1 : 0;
+    ready += IsWritable(entry.fd) ? 1 : 0;
+  }
+  return ready;
 }
 
 void SessionManager::Select() {
   PassSets sets = ReapAndCollectSockets();  // closed sessions go first
-  int ready = WaitForReadiness(sets);       // one select(); EINTR counts as nothing ready
+  int ready = WaitForReadiness(sets);       // one poll(); EINTR counts as nothing ready
   if (thread_) ThreadCheck();
   const bool new_second = TickClock();     // per-second work follows the clock
   ServeSessions(sets, ready, new_second);  // a session's exception ends only that session
-  AcceptConnections(sets, ready);          // starts at the next port in rotation
+  AcceptConnections(sets);                 // starts at the next port in rotation
 }
 
 SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
   PassSets sets;
   for (ProxyPort* port : ports_) {
     CollectSessions(*port, sets);
-    if (IsListenerPolled(*port)) sets.Add(port->GetListeningSocket(), sets.read);
+    if (IsListenerPolled(*port)) sets.Add(port->GetListeningSocket(), POLLIN);
     Counter.Set(port->GetName() + "_Active", static_cast<uint32_t>(port->GetSessions().size()));
   }
   Counter.Set("InternalSessionManagerIdle", used_numbers_.empty() ? 1 : 0);
@@ -399,10 +416,10 @@ void SessionManager::CollectSessions(ProxyPort& port, PassSets& sets) {
       it = sessions.erase(it);
       continue;
     }
-    if (session->ReadyToReceiveIncoming()) sets.Add(session->GetIncomingSocket(), sets.read);
-    if (!session->GetIncomingBuffer().empty()) sets.Add(session->GetIncomingSocket(), sets.write);
-    if (session->ReadyToReceiveOutgoing()) sets.Add(session->GetOutgoingSocket(), sets.read);
-    if (!session->GetOutgoingBuffer().empty()) sets.Add(session->GetOutgoingSocket(), sets.write);
+    if (session->ReadyToReceiveIncoming()) sets.Add(session->GetIncomingSocket(), POLLIN);
+    if (!session->GetIncomingBuffer().empty()) sets.Add(session->GetIncomingSocket(), POLLOUT);
+    if (session->ReadyToReceiveOutgoing()) sets.Add(session->GetOutgoingSocket(), POLLIN);
+    if (!session->GetOutgoingBuffer().empty()) sets.Add(session->GetOutgoingSocket(), POLLOUT);
     ++it;
   }
 }
@@ -416,21 +433,20 @@ bool SessionManager::IsListenerPolled(const ProxyPort& port) const {
   return static_cast<long>(port.GetSessions().size()) < static_cast<long>(limit.Get());
 }
 
+// poll() has no limit on descriptor numbers, so no socket is ever left out of a pass.
 int SessionManager::WaitForReadiness(PassSets& sets) const {
   if (ports_.empty()) {
     FWThread::Sleep(kPassTimeoutMs);
     return 0;
   }
-  timeval timeout{0, kPassTimeoutMicroseconds};
-  const int ready = ::select(sets.highest + 1, &sets.read, &sets.write, &sets.except, &timeout);
-  if (ready >= 0) return ready;
+  const int result = ::poll(sets.entries.data(), sets.entries.size(), kPassTimeoutMs);
+  if (result >= 0) return sets.CountReady();
   if (errno != EINTR) {
-    throw FWESocketError("classes/SessionManager", kSelectLine, "select",
+    throw FWESocketError("classes/SessionManager", kSelectLine, "poll",
                          FWSocketManager::GetInstance().SocketError());
   }
-  // After a failed select the sets still hold what was asked for, not what is ready.
-  FD_ZERO(&sets.read);
-  FD_ZERO(&sets.write);
+  // After a failed poll nothing is ready.
+  for (pollfd& entry : sets.entries) entry.revents = 0;
   return 0;
 }
 
@@ -463,43 +479,54 @@ void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_se
 void SessionManager::ServeTransfers(const std::string& name, ProxySession& session,
                                     const PassSets& sets, int& ready) {
   if (ready == 0) return;
-  if (PassSets::Has(session.GetIncomingSocket(), sets.read)) {
+  if (sets.IsReadable(session.GetIncomingSocket())) {
     Counter.Increment(name + "_ReceiveIncoming", static_cast<uint32_t>(session.ReceiveIncoming()));
     --ready;
   }
-  if (PassSets::Has(session.GetIncomingSocket(), sets.write)) {
+  if (sets.IsWritable(session.GetIncomingSocket())) {
     Counter.Increment(name + "_SendIncoming", static_cast<uint32_t>(session.SendIncoming()));
     --ready;
   }
-  if (PassSets::Has(session.GetOutgoingSocket(), sets.read)) {
+  if (sets.IsReadable(session.GetOutgoingSocket())) {
     Counter.Increment(name + "_ReceiveOutgoing", static_cast<uint32_t>(session.ReceiveOutgoing()));
     --ready;
   }
-  if (PassSets::Has(session.GetOutgoingSocket(), sets.write)) {
+  if (sets.IsWritable(session.GetOutgoingSocket())) {
     Counter.Increment(name + "_SendOutgoing", static_cast<uint32_t>(session.SendOutgoing()));
     --ready;
   }
   session.CheckFinished();
 }
 
-void SessionManager::AcceptConnections(const PassSets& sets, int& ready) {
-  if (ports_.empty() || ready == 0) return;
+void SessionManager::AcceptConnections(const PassSets& sets) {
+  if (ports_.empty()) return;
   rotation_ = (rotation_ + 1) % static_cast<unsigned int>(ports_.size());
   std::vector<ProxyPort*> order(ports_.begin(), ports_.end());
   std::rotate(order.begin(), order.begin() + rotation_, order.end());
   for (ProxyPort* port : order) {
-    if (ready == 0) return;
-    if (free_numbers_.empty() || port->GetListeningSocket() == 0) continue;
-    if (!PassSets::Has(port->GetListeningSocket(), sets.read)) continue;
-    const ProxySession* session = port->SessionOpen(static_cast<int>(TakeNumber(*port)));
-    --ready;
+    if (!sets.IsReadable(port->GetListeningSocket())) continue;
+    if (!AcceptWaiting(*port)) return;
+  }
+}
+
+// A burst of connections is taken in one pass instead of one a pass, so the kernel's backlog
+// never overflows while the loop is busy elsewhere. After the first accept, which the pass's poll
+// announced, a zero-time poll of the listener tells whether another connection waits: a session
+// is made only for a connection that is there.
+bool SessionManager::AcceptWaiting(ProxyPort& port) {
+  for (bool waiting = true; waiting && IsListenerPolled(port);) {
+    const ProxySession* session = port.SessionOpen(static_cast<int>(TakeNumber(port)));
     const int error = session->GetAcceptError();
     if (FWSocketManager::IsResourceShortage(error)) {
-      PauseAccepting(*port, error);
-      return;
+      PauseAccepting(port, error);
+      return false;
     }
-    if (error == 0) accept_shortage_logged_ = false;
+    pollfd listener{port.GetListeningSocket(), POLLIN, 0};
+    waiting = error == 0 && ::poll(&listener, 1, 0) == 1 && (listener.revents & POLLIN) != 0;
   }
+  // The queue was taken without running short: a later shortage is logged again.
+  accept_shortage_logged_ = false;
+  return true;
 }
 
 void SessionManager::PauseAccepting(const ProxyPort& port, int error) {

@@ -5,7 +5,7 @@
 #ifndef NORVANE_CLASSES_SESSIONMANAGER_H_
 #define NORVANE_CLASSES_SESSIONMANAGER_H_
 
-#include <sys/select.h>
+#include <poll.h>
 
 #include <chrono>
 #include <ctime>
@@ -83,7 +83,7 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // default password (or has none), which admits loopback clients only.
   std::vector<std::string> SecurityWarnings() const;
   // One pass of the event loop; see the .cpp for its steps. Throws FWESocketError
-  // ("classes/SessionManager", 411, "select", ...) when select fails other than by EINTR, and
+  // ("classes/SessionManager", 411, "poll", ...) when poll fails other than by EINTR, and
   // lets through exceptions that are not FWExceptions. A session's FWException ends that session.
   virtual void Select();
   // Shutdown, once per initialization (does nothing before Init): logs "%s shutting down", stops
@@ -119,10 +119,11 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // listening sockets, the worker thread's connection and one directory being listed.
   int GetFixedDescriptors() const;
   // The session-number pool Init fills: two descriptors per session (its socket and the file it
-  // follows, or its two sockets) must fit below the select limit of 1024 descriptors and below
+  // follows, or its two sockets) must fit into 1024 descriptors (the pool keeps the size one
+  // select set once gave it; the loop itself polls any descriptor number) and below
   // the soft descriptor limit.
   int GetPoolSize() const;
-  // The pool under the select limit alone.
+  // The pool under the 1024-descriptor bound alone.
   int GetFullPoolSize() const;
   // Raises the soft descriptor limit (RLIMIT_NOFILE) to what the full pool needs, as far as the
   // hard limit allows. Returns what it did for the start-up messages: "" when the limit was
@@ -156,16 +157,20 @@ class SessionManager final : public FWObject, public FWSubscriber {
   PortList& GetPorts() { return ports_; }
 
  private:
-  // The descriptor sets of one pass, rebuilt every pass: select() overwrites them.
+  // The descriptors of one pass and what each waits for, rebuilt every pass; poll() fills in
+  // what is ready. Descriptor 0 stands for "no socket" and is never added.
   struct PassSets {
-    PassSets();
-    void Add(int fd, fd_set& set);
-    static bool Has(int fd, const fd_set& set);
+    void Add(int fd, short events);
+    bool IsReadable(int fd) const;
+    bool IsWritable(int fd) const;
+    // Readiness counted per direction: a descriptor both readable and writable counts twice.
+    int CountReady() const;
 
-    fd_set read;
-    fd_set write;
-    fd_set except;  // passed to select, never filled
-    int highest = -1;
+    std::vector<pollfd> entries;
+    std::vector<int> slot_of;  // by descriptor: its index in entries, or -1
+
+   private:
+    short Revents(int fd, short wanted) const;
   };
 
   void DeletePorts();
@@ -181,7 +186,10 @@ class SessionManager final : public FWObject, public FWSubscriber {
   int WaitForReadiness(PassSets& sets) const;
   bool TickClock();
   void ServeSessions(const PassSets& sets, int& ready, bool new_second);
-  void AcceptConnections(const PassSets& sets, int& ready);
+  void AcceptConnections(const PassSets& sets);
+  // Accepts what waits on the port while numbers are free and the port is under its limit;
+  // false when accepting must pause (no descriptor left).
+  bool AcceptWaiting(ProxyPort& port);
 
   void CollectSessions(ProxyPort& port, PassSets& sets);
   std::time_t Now() const;

@@ -3,8 +3,10 @@
 // replies with the feed codec, as a foreign client would.
 #include "MonitoringSession.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -774,6 +776,55 @@ TEST_F(MonitoringSessionTest, CommandsWaitWhileRepliesToAClientThatDoesNotReadPi
   });
   EXPECT_EQ(oks, kLists);
   EXPECT_EQ(names, kNamesPerList * kLists);
+}
+
+// ---- Many connections ----
+
+TEST_F(MonitoringSessionTest, ABurstOfConnectionsAboveDescriptor1023IsGreetedInAFewPasses) {
+  // Every socket of this test, the daemon's included, gets a number above 1023.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit raised = saved;
+  raised.rlim_cur = std::min<rlim_t>(saved.rlim_max, 4096);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+  std::vector<int> taken;
+  for (int fd = ::open("/dev/null", O_RDONLY); fd >= 0 && fd < 1100; fd = ::dup(fd)) {
+    taken.push_back(fd);
+  }
+  ASSERT_GE(taken.size(), 1000u) << "the descriptor limit is too low for this test";
+  manager_.Init();
+
+  constexpr int kClients = 300;
+  sockaddr_in address{};
+  FWSocketManager::GetInstance().AddressCreate(address, "127.0.0.1", port_->GetIncomingPort(),
+                                               "tcp");
+  std::vector<pollfd> clients;
+  for (int i = 0; i < kClients; ++i) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    ASSERT_GT(fd, 1023);
+    ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    clients.push_back(pollfd{fd, POLLOUT, 0});
+  }
+  // All connected: the kernel holds them until the loop accepts.
+  ASSERT_TRUE(testutil::WaitUntil([&] {
+    for (pollfd& client : clients) client.revents = 0;
+    ::poll(clients.data(), clients.size(), 100);
+    return std::all_of(clients.begin(), clients.end(),
+                       [](const pollfd& client) { return (client.revents & POLLOUT) != 0; });
+  }));
+  int passes = 0;
+  const auto all_greeted = [&] {
+    for (pollfd& client : clients) client.events = POLLIN, client.revents = 0;
+    ::poll(clients.data(), clients.size(), 0);
+    return std::all_of(clients.begin(), clients.end(),
+                       [](const pollfd& client) { return (client.revents & POLLIN) != 0; });
+  };
+  EXPECT_TRUE(PumpUntil([&] { return ++passes, all_greeted(); }));
+  EXPECT_LE(passes, 6) << "connections were taken one a pass";
+  EXPECT_EQ(port_->GetSessions().size(), static_cast<std::size_t>(kClients));
+  for (const pollfd& client : clients) ::close(client.fd);
+  for (const int fd : taken) ::close(fd);
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 // ---- The client role ----
