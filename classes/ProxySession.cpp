@@ -3,7 +3,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <cerrno>
+
 #include "FWException.h"
+#include "FWFile.h"
 #include "FWLogStream.h"
 #include "FWMIMEParser.h"
 #include "FWSocket.h"
@@ -30,8 +33,8 @@ ProxySession::~ProxySession() { CloseSockets(); }
 void ProxySession::Close() {
   if (!open_) return;
   CloseSockets();
-  incoming_buffer_.clear();
-  outgoing_buffer_.clear();
+  incoming_buffer_.Clear();
+  outgoing_buffer_.Clear();
   if (IsConnectionLogging()) {
     Log(FWStringUtils::Printf("connection from %s closed", incoming_address_.c_str()));
   }
@@ -158,20 +161,20 @@ int ProxySession::Receive(const Side& side) {
   return 0;
 }
 
+// Writes until the socket would block, at most kSendPerPass bytes, so that one fast peer with a
+// long queue cannot hold the loop from the others.
 int ProxySession::Send(const Side& side) {
   if (*side.socket == 0 || side.buffer->empty()) return 0;
-  bool try_again = false;
-  int count = 0;
-  try {
-    count = FWSocketManager::GetInstance().Send(*side.socket, *side.buffer, try_again);
-  } catch (const FWESocketError& error) {
-    Log(side.send_text + error.GetText());
+  const long count = side.buffer->Send(*side.socket, kSendPerPass);
+  if (count < 0) {
+    Log(side.send_text + FWMSocketError("send", GetErrorMessage(errno)).GetText());
     Close();
     return 0;
   }
+  if (count == 0) return 0;
   *side.activity = std::time(nullptr);
   if (side.is_client) incoming_bytes_sent_ += static_cast<std::uint64_t>(count);
-  return count;
+  return static_cast<int>(count);
 }
 
 bool ProxySession::IsConnectionLogging() {

@@ -13,6 +13,9 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <utility>
+
+#include "FWSendQueue.h"
 
 class ProxyPort;
 
@@ -27,6 +30,9 @@ class ProxyPort;
 // and end the session. Exceptions thrown by QueueIncoming and QueueOutgoing leave them unchanged.
 class ProxySession {
  public:
+  // A send writes until the socket would block, but at most this many bytes a pass.
+  static constexpr std::size_t kSendPerPass = 4u << 20;
+
   // Not open, no sockets, empty texts and buffers. The port is the owning port; it is not owned
   // by the session and may be null (then the accept line names no port).
   ProxySession(int number, ProxyPort* port);
@@ -85,7 +91,7 @@ class ProxySession {
   bool IsOpen() const { return open_; }
   int GetIncomingSocket() const { return incoming_socket_; }
   const std::string& GetIncomingAddress() const { return incoming_address_; }
-  const std::string& GetIncomingBuffer() const { return incoming_buffer_; }
+  const FWSendQueue& GetIncomingBuffer() const { return incoming_buffer_; }
   bool IsIncomingClosed() const { return incoming_closed_; }
   const std::string& GetIncomingHost() const { return incoming_host_; }
   std::time_t GetIncomingActivity() const { return incoming_activity_; }
@@ -96,7 +102,7 @@ class ProxySession {
   const std::string& GetLocalAddress() const { return local_address_; }
   int GetOutgoingSocket() const { return outgoing_socket_; }
   const std::string& GetOutgoingAddress() const { return outgoing_address_; }
-  const std::string& GetOutgoingBuffer() const { return outgoing_buffer_; }
+  const FWSendQueue& GetOutgoingBuffer() const { return outgoing_buffer_; }
   bool IsOutgoingClosed() const { return outgoing_closed_; }
   const std::string& GetOutgoingHost() const { return outgoing_host_; }
   std::time_t GetOutgoingActivity() const { return outgoing_activity_; }
@@ -112,8 +118,8 @@ class ProxySession {
  protected:
   void SetOpen(bool open) { open_ = open; }
   // Queues bytes to be sent to the client (incoming) or to the server (outgoing).
-  void AppendIncoming(const std::string& data) { incoming_buffer_ += data; }
-  void AppendOutgoing(const std::string& data) { outgoing_buffer_ += data; }
+  void AppendIncoming(std::string data) { incoming_buffer_.Append(std::move(data)); }
+  void AppendOutgoing(std::string data) { outgoing_buffer_.Append(std::move(data)); }
   // Logs one line under the session's log prefix.
   void Log(const std::string& text) const;
 
@@ -121,7 +127,7 @@ class ProxySession {
   // One end of the connection pair as the transfer operations see it.
   struct Side {
     int* socket;
-    std::string* buffer;
+    FWSendQueue* buffer;
     bool* closed;
     std::time_t* activity;
     bool is_client;
@@ -141,7 +147,7 @@ class ProxySession {
   bool open_ = false;
   int incoming_socket_ = 0;
   std::string incoming_address_;
-  std::string incoming_buffer_;
+  FWSendQueue incoming_buffer_;
   bool incoming_closed_ = false;
   std::string incoming_host_;
   std::time_t incoming_activity_ = 0;
@@ -151,7 +157,7 @@ class ProxySession {
   std::string local_address_;
   int outgoing_socket_ = 0;
   std::string outgoing_address_;
-  std::string outgoing_buffer_;
+  FWSendQueue outgoing_buffer_;
   bool outgoing_closed_ = false;
   std::string outgoing_host_;
   std::time_t outgoing_activity_ = 0;
