@@ -120,18 +120,24 @@ std::string LogTail::Poll() {
                               GetErrorMessage(error).c_str()));
   }
   std::string raw;
+  ReadNew(path_exists, st, raw);
+  // A poll that used its whole budget probably left data behind.
+  more_ = raw.size() == kMaxPollBytes;
+  return ToDos(raw);
+}
+
+void LogTail::ReadNew(bool path_exists, const struct stat& st, std::string& raw) {
   std::size_t budget = kMaxPollBytes;
   if (file_.IsOpen()) {
     if (path_exists && st.st_dev == file_dev_ && st.st_ino == file_ino_) {
       ReadSameFile(budget, raw);
-      return ToDos(raw);
+      return;
     }
     budget -= DrainOldFile(budget, raw);
-    if (file_.IsOpen()) return ToDos(raw);
+    if (file_.IsOpen()) return;
   }
-  if (!path_exists || budget == 0 || OpenCurrent() != 0) return ToDos(raw);
+  if (!path_exists || budget == 0 || OpenCurrent() != 0) return;
   ReadSameFile(budget, raw);
-  return ToDos(raw);
 }
 
 std::size_t LogTail::ReadSameFile(std::size_t budget, std::string& raw) {

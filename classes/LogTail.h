@@ -3,6 +3,7 @@
 #ifndef NORVANE_CLASSES_LOGTAIL_H_
 #define NORVANE_CLASSES_LOGTAIL_H_
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -49,6 +50,8 @@ class LogTail final {
   std::string Poll();
 
   bool IsStarted() const { return started_; }
+  // The last poll read its whole budget: more data is probably waiting.
+  bool HasMore() const { return started_ && more_; }
   const std::string& GetPath() const { return path_; }
   // File bytes returned so far from the open file (its read position).
   off_t GetOffset() const { return offset_; }
@@ -83,6 +86,8 @@ class LogTail final {
   // Opens name beneath root without leaving it; -1 with error set on failure.
   static int OpenBeneath(const std::string& root, const std::string& name, int flags, int& error);
   static int OpenWithoutLinks(int directory, const std::string& name, int flags, int& error);
+  // The reading part of a poll: the rest of a file renamed away, then the file the path names.
+  void ReadNew(bool path_exists, const struct stat& st, std::string& raw);
   // Reads the open file from offset_ up to end, at most budget bytes, into raw.
   std::size_t ReadUpTo(off_t end, std::size_t budget, std::string& raw);
   // Handles the path naming the open file: rereads from the start when it shrank.
@@ -103,6 +108,7 @@ class LogTail final {
   std::string name_;
   std::string path_;
   bool started_ = false;
+  bool more_ = false;
   // A read failure was logged; the same failure is not logged again at every poll.
   bool read_error_logged_ = false;
   FileHandle file_;

@@ -172,6 +172,10 @@ void MonitoringSession::CheckActive() {
   }
 }
 
+bool MonitoringSession::IsBehind() const {
+  return IsOpen() && transmitting_ && tail_.HasMore() && !IsHeldBack();
+}
+
 bool MonitoringSession::ReadyToReceiveIncoming() {
   return GetIncomingSocket() != 0 && !IsHeldBack();
 }

@@ -72,6 +72,8 @@ class MonitoringSession final : public ProxySession {
   // sends its new data as replies of at most LogTail::kMaxReplyBytes (1 MiB) of text each.
   void CheckActive() override;
   std::size_t GetMemoryRequired() const override { return 0; }
+  // The followed file has more data than one poll takes, and the client keeps up.
+  bool IsBehind() const override;
   // True while the client socket is open and the replies to it are not held back.
   bool ReadyToReceiveIncoming() override;
   bool ReadyToReceiveOutgoing() override { return GetOutgoingSocket() != 0; }

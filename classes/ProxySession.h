@@ -50,6 +50,10 @@ class ProxySession {
   virtual void Close();
   // Called by the loop once per second of wall time, open or not: time-outs and periodic work.
   virtual void CheckActive() = 0;
+  // True when the session has work for the next pass that neither its sockets nor the next second
+  // will announce (a followed file with more unread data): the loop then runs CheckActive on the
+  // next pass without waiting.
+  virtual bool IsBehind() const { return false; }
   // The memory the session holds, in bytes.
   virtual std::size_t GetMemoryRequired() const = 0;
   // While false, the client (server) socket is not polled for reading.

@@ -416,6 +416,7 @@ void SessionManager::CollectSessions(ProxyPort& port, PassSets& sets) {
       it = sessions.erase(it);
       continue;
     }
+    if (session->IsBehind()) sets.busy = true;
     if (session->ReadyToReceiveIncoming()) sets.Add(session->GetIncomingSocket(), POLLIN);
     if (!session->GetIncomingBuffer().empty()) sets.Add(session->GetIncomingSocket(), POLLOUT);
     if (session->ReadyToReceiveOutgoing()) sets.Add(session->GetOutgoingSocket(), POLLIN);
@@ -439,7 +440,8 @@ int SessionManager::WaitForReadiness(PassSets& sets) const {
     FWThread::Sleep(kPassTimeoutMs);
     return 0;
   }
-  const int result = ::poll(sets.entries.data(), sets.entries.size(), kPassTimeoutMs);
+  const int timeout = sets.busy ? 0 : static_cast<int>(kPassTimeoutMs);
+  const int result = ::poll(sets.entries.data(), sets.entries.size(), timeout);
   if (result >= 0) return sets.CountReady();
   if (errno != EINTR) {
     throw FWESocketError("classes/SessionManager", kSelectLine, "poll",
@@ -466,7 +468,7 @@ void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_se
     for (ProxySession* session : port->GetSessions()) {
       try {
         ServeTransfers(name, *session, sets, ready);
-        if (new_second) session->CheckActive();
+        if (new_second || session->IsBehind()) session->CheckActive();
       } catch (const FWException& e) {
         LogStream.Log(e.GetText(), session->GetLogPrefix());
         session->Close();

@@ -168,6 +168,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
 
     std::vector<pollfd> entries;
     std::vector<int> slot_of;  // by descriptor: its index in entries, or -1
+    // A session is behind its file: the pass must not wait.
+    bool busy = false;
 
    private:
     short Revents(int fd, short wanted) const;
