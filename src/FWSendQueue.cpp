@@ -15,17 +15,12 @@ constexpr std::size_t kMaxPieces = 64;
 
 void FWSendQueue::Append(std::string data) {
   if (data.empty()) return;
-  Append(std::make_shared<const std::string>(std::move(data)));
-}
-
-void FWSendQueue::Append(Message message) {
-  if (!message || message->empty()) return;
-  size_ += message->size();
-  messages_.push_back(std::move(message));
+  size_ += data.size();
+  messages_.push_back(std::move(data));
 }
 
 void FWSendQueue::Clear() {
-  std::deque<Message>().swap(messages_);
+  std::deque<std::string>().swap(messages_);
   front_sent_ = 0;
   size_ = 0;
 }
@@ -34,7 +29,7 @@ std::string FWSendQueue::Text() const {
   std::string text;
   text.reserve(size_);
   for (std::size_t i = 0; i < messages_.size(); ++i) {
-    text.append(*messages_[i], i == 0 ? front_sent_ : 0, std::string::npos);
+    text.append(messages_[i], i == 0 ? front_sent_ : 0, std::string::npos);
   }
   return text;
 }
@@ -46,7 +41,7 @@ long FWSendQueue::Send(int socket, std::size_t max) {
     std::size_t count = 0;
     std::size_t wanted = 0;
     for (; count < kMaxPieces && count < messages_.size() && wanted < max - total; ++count) {
-      const std::string& message = *messages_[count];
+      const std::string& message = messages_[count];
       const std::size_t skip = count == 0 ? front_sent_ : 0;
       const std::size_t length = std::min(message.size() - skip, max - total - wanted);
       pieces[count].iov_base = const_cast<char*>(message.data() + skip);
@@ -66,7 +61,7 @@ long FWSendQueue::Send(int socket, std::size_t max) {
     total += sent;
     size_ -= static_cast<std::size_t>(sent);
     for (std::size_t left = static_cast<std::size_t>(sent); left > 0;) {
-      const std::size_t rest = messages_.front()->size() - front_sent_;
+      const std::size_t rest = messages_.front().size() - front_sent_;
       if (left < rest) {
         front_sent_ += left;
         break;

@@ -1,23 +1,17 @@
-// The bytes a connection still has to send: a queue of whole messages, shared and immutable, so
-// that one frame made for many connections is held once. Sending writes as many of them as the
-// socket takes in one writev call and drops what was sent from the front without moving the
-// rest; memory goes back as messages are sent.
+// The bytes a connection still has to send: a queue of whole messages. Sending writes as many of
+// them as the socket takes in one sendmsg call and drops what was sent from the front without
+// moving the rest; memory goes back as messages are sent.
 #ifndef NORVANE_SRC_FWSENDQUEUE_H_
 #define NORVANE_SRC_FWSENDQUEUE_H_
 
 #include <cstddef>
 #include <deque>
-#include <memory>
 #include <string>
 
 // Not thread-safe; one queue per direction of a connection.
 class FWSendQueue {
  public:
-  using Message = std::shared_ptr<const std::string>;
-
   void Append(std::string data);
-  // Queues a message that others may hold too; it is never changed.
-  void Append(Message message);
   void Clear();
 
   // Unsent bytes.
@@ -33,7 +27,7 @@ class FWSendQueue {
   long Send(int socket, std::size_t max);
 
  private:
-  std::deque<Message> messages_;
+  std::deque<std::string> messages_;
   // Bytes of the front message already sent.
   std::size_t front_sent_ = 0;
   std::size_t size_ = 0;
