@@ -265,6 +265,18 @@ class MonitoringSessionTest : public ::testing::Test {
     Send("pass " + kPassword + "\r\n");
     Expect("+OK Login successful\r\n");
   }
+  // Passes until the session's unsent output stays the same for three passes: *settled is then
+  // its size, *largest the most it held meanwhile.
+  bool PumpUntilUnsentSettles(std::size_t* settled, std::size_t* largest) {
+    int unchanged = 0;
+    return PumpUntil([&] {
+      const std::size_t unsent = Session().GetIncomingBuffer().size();
+      *largest = std::max(*largest, unsent);
+      unchanged = unsent == *settled ? unchanged + 1 : 0;
+      *settled = unsent;
+      return unchanged == 3;
+    });
+  }
   // Logs in and starts a.log: from the reply on, every appended byte is sent.
   void StartA() {
     Login();
@@ -600,14 +612,7 @@ TEST_F(MonitoringSessionTest, RepliesWaitingForAClientThatHasNotLoggedInStayUnde
   for (int i = 0; i < 30; ++i) Send(users);  // 7200 replies of about 24 bytes
   std::size_t largest_unsent = 0;
   std::size_t previous = 0;
-  int unchanged = 0;
-  ASSERT_TRUE(PumpUntil([&] {
-    const std::size_t unsent = Session().GetIncomingBuffer().size();
-    largest_unsent = std::max(largest_unsent, unsent);
-    unchanged = unsent == previous ? unchanged + 1 : 0;
-    previous = unsent;
-    return unchanged == 3;
-  }));
+  ASSERT_TRUE(PumpUntilUnsentSettles(&previous, &largest_unsent));
   EXPECT_GT(largest_unsent, MonitoringSession::kPreLoginPendingBytes);
   EXPECT_LE(largest_unsent, MonitoringSession::kPreLoginPendingBytes + 8 * 1024);
 }
@@ -760,14 +765,7 @@ TEST_F(MonitoringSessionTest, CommandsWaitWhileRepliesToAClientThatDoesNotReadPi
   Send(lists);
   std::size_t largest_unsent = 0;
   std::size_t previous = 0;
-  int unchanged = 0;
-  ASSERT_TRUE(PumpUntil([&] {
-    const std::size_t unsent = Session().GetIncomingBuffer().size();
-    largest_unsent = std::max(largest_unsent, unsent);
-    unchanged = unsent == previous ? unchanged + 1 : 0;
-    previous = unsent;
-    return unchanged == 3;
-  }));
+  ASSERT_TRUE(PumpUntilUnsentSettles(&previous, &largest_unsent));
   EXPECT_GT(previous, LogTail::kMaxPendingBytes);
   EXPECT_LE(largest_unsent, LogTail::kMaxPendingBytes + 16 * 1024)
       << "more than one list's replies";
