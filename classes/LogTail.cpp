@@ -104,10 +104,50 @@ int LogTail::Start(const std::string& root, const std::string& name) {
   return 0;
 }
 
+void LogTail::Backlog(std::size_t lines) {
+  if (file_.IsOpen()) offset_ = BacklogStart(lines);
+}
+
+// Start left offset_ at the end of the open file, so it is also the file's size here.
+LogTail::Resumed LogTail::Reposition(const Position& from) {
+  if (!file_.IsOpen()) return Resumed::kGone;
+  const bool same = file_dev_ == from.dev && file_ino_ == from.ino;
+  if (same && offset_ >= from.offset) {
+    offset_ = from.offset;
+    return Resumed::kContinued;
+  }
+  offset_ = 0;
+  return same ? Resumed::kTruncated : Resumed::kRotated;
+}
+
 void LogTail::Stop() {
   started_ = false;
   file_.Reset();
+  file_dev_ = 0;
+  file_ino_ = 0;
   offset_ = 0;
+}
+
+// Reads the window before offset_ once and counts line ends backwards; a last line without its
+// "\n" counts as a line. A window cut by the byte bound starts after its first "\n", so only
+// whole lines are returned.
+off_t LogTail::BacklogStart(std::size_t lines) {
+  const off_t end = offset_;
+  lines = std::min(lines, kMaxBacklogLines);
+  if (lines == 0 || end == 0) return end;
+  const off_t begin = end - std::min<off_t>(end, static_cast<off_t>(kMaxBacklogBytes));
+  std::string window;
+  offset_ = begin;
+  ReadUpTo(end, kMaxBacklogBytes, window);
+  offset_ = end;
+  std::size_t pos = window.size();
+  if (pos > 0 && window[pos - 1] == '\n') --pos;
+  for (std::size_t found = 0; pos > 0; --pos) {
+    if (window[pos - 1] == '\n' && ++found == lines) return begin + static_cast<off_t>(pos);
+  }
+  if (begin == 0) return 0;
+  const std::size_t first = window.find('\n');
+  return first == std::string::npos ? end : begin + static_cast<off_t>(first + 1);
 }
 
 std::string LogTail::Poll() {

@@ -29,6 +29,19 @@ class LogTail final {
   static constexpr std::size_t kMaxReplyBytes = 1u << 20;
   // ...and skips the poll while more than this many bytes still wait to go to its client.
   static constexpr std::size_t kMaxPendingBytes = 8u << 20;
+  // A backlog reaches back at most this many lines and bytes from the end of the file.
+  static constexpr std::size_t kMaxBacklogLines = 10000;
+  static constexpr std::size_t kMaxBacklogBytes = 4u << 20;
+
+  // Where a transmission stands: the file last read from (device and inode; both 0 before a file
+  // was opened) and the offset of the next byte to be returned from it.
+  struct Position {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t offset = 0;
+  };
+  // How Resume found the file.
+  enum class Resumed { kContinued, kRotated, kTruncated, kGone };
 
   // log_prefix is the source of the log lines ("Session 3: ").
   explicit LogTail(std::string log_prefix);
@@ -55,6 +68,15 @@ class LogTail final {
   const std::string& GetPath() const { return path_; }
   // File bytes returned so far from the open file (its read position).
   off_t GetOffset() const { return offset_; }
+  Position GetPosition() const { return Position{file_dev_, file_ino_, offset_}; }
+  // Right after Start: moves back to the first of the file's last `lines` whole lines (at most
+  // kMaxBacklogLines and kMaxBacklogBytes back), so that the next poll returns them.
+  void Backlog(std::size_t lines);
+  // Right after Start: continues at from.offset when the opened file is the one `from` describes
+  // and is not shorter (kContinued). Otherwise the file is returned from its first byte: another
+  // file (kRotated), the same one shrunk (kTruncated), or, once it appears, a file missing now
+  // (kGone).
+  Resumed Reposition(const Position& from);
 
   // raw with every "\n" that does not follow a "\r" turned into "\r\n"; *after_cr says whether
   // the byte before raw was a "\r" and is updated to raw's last byte.
@@ -99,6 +121,8 @@ class LogTail final {
   // Logs "can't read file" with the path and the error's text, once until a read succeeds again;
   // returns the error.
   int LogReadError(int error);
+  // The offset at which the last `lines` whole lines before offset_ begin.
+  off_t BacklogStart(std::size_t lines);
   std::string ToDos(const std::string& raw);
   void Log(const std::string& text) const;
 

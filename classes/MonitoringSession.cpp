@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
 
 #include "FWFile.h"
 #include "FWProduct.h"
@@ -59,6 +62,44 @@ bool EqualInConstantTime(const std::string& left, const std::string& right) {
 }
 
 bool IsLoopback(const std::string& address) { return address == "127.0.0.1" || address == "::1"; }
+
+// Splits the argument text of an extension command into count decimal numbers, each followed by
+// one blank, and the rest (a name). False when a number is missing, not decimal or too large.
+bool ParseNumbers(const std::string& text, std::size_t count,
+                  std::vector<unsigned long long>* numbers, std::string* rest) {
+  std::size_t pos = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t blank = text.find(' ', pos);
+    if (blank == std::string::npos || blank == pos || blank - pos > 19) return false;
+    const std::string digits = text.substr(pos, blank - pos);
+    if (digits.find_first_not_of("0123456789") != std::string::npos) return false;
+    errno = 0;
+    numbers->push_back(std::strtoull(digits.c_str(), nullptr, 10));
+    if (errno == ERANGE) return false;
+    pos = blank + 1;
+  }
+  *rest = text.substr(pos);
+  return !rest->empty();
+}
+
+// The arguments of an extension command: the line without its keyword, its one blank and its
+// "\r\n". Unlike the original commands nothing else is removed, so any listed name can be asked.
+std::string ExtensionArguments(const std::string& line, const std::string& keyword) {
+  return line.substr(keyword.size() + 1, line.size() - keyword.size() - 3);
+}
+
+const char* ResumedText(LogTail::Resumed outcome) {
+  switch (outcome) {
+    case LogTail::Resumed::kContinued:
+      return "continued";
+    case LogTail::Resumed::kRotated:
+      return "rotated";
+    case LogTail::Resumed::kTruncated:
+      return "truncated";
+    default:
+      return "gone";
+  }
+}
 
 const char* FailureText(FWFeedCodec::Result result) {
   switch (result) {
@@ -151,6 +192,7 @@ void MonitoringSession::Close() {
 void MonitoringSession::ClearData() {
   received_text_.clear();
   transmitting_ = false;
+  extended_ = false;
   tail_.Stop();
   log_files_.clear();
   log_files_collected_ = false;
@@ -167,6 +209,11 @@ void MonitoringSession::CheckActive() {
   }
   ServeCommands();
   if (!IsOpen() || !transmitting_ || IsHeldBack()) return;
+  if (extended_) {
+    const std::string data = tail_.Poll();
+    if (!data.empty()) SendFeed(data);
+    return;
+  }
   for (const std::string& reply : LogTail::SplitReplies(tail_.Poll(), LogTail::kMaxReplyBytes)) {
     SendReply(reply);
   }
@@ -272,6 +319,12 @@ void MonitoringSession::HandleLoggedIn(const std::string& line, const std::strin
   if (StartsWith(lower, "start")) {
     CollectLogfilesOnce();
     HandleStart(line);
+  } else if (StartsWith(lower, "backlog ")) {
+    CollectLogfilesOnce();
+    HandleBacklog(line);
+  } else if (StartsWith(lower, "resume ")) {
+    CollectLogfilesOnce();
+    HandleResume(line);
   } else if (lower == "stop\r\n") {
     SendReply("+OK logfile transmission stopped\r\n");
     if (transmitting_) {
@@ -372,36 +425,87 @@ void MonitoringSession::HandleStart(const std::string& line) {
   last_start_time_ = std::time(nullptr);
   const std::string name = Argument(line, "start");
   if (!name.empty()) {
-    current_file_.clear();
-    transmitting_ = false;
-    tail_.Stop();
-    const auto found = std::find(log_files_.begin(), log_files_.end(), name);
-    const std::string root = monitoring_port_->GetDocumentRoot();
-    // A name not listed is refused like one that leads out of the root. Listed files are opened
-    // beneath the root, so a link swapped in since the listing cannot lead out of it either.
-    int error = EXDEV;
-    if (found != log_files_.end()) error = tail_.Start(root, *found);
-    if (error == EXDEV) {
-      SendReply("-ERR invalid logfile name\r\n");
-      Log(FWStringUtils::Printf("refused name %s from %s", Quoted(name).c_str(),
-                                GetIncomingAddress().c_str()));
-      return;
-    }
-    if (error != 0) {
-      SendReply("-ERR can't read " + name + ": " + GetErrorMessage(error) + kLineEnd);
-      return;
-    }
-    // The slash is added even when DocumentRoot ends in one; clients see this path.
-    current_file_ = root + "/" + *found;
-    transmitting_ = true;
-    Log(FWStringUtils::Printf("start %s from %s", Quoted(current_file_).c_str(),
-                              GetIncomingAddress().c_str()));
+    BeginFile(name);
+    return;
   }
   if (transmitting_) {
     SendReply("+OK start transmitting " + current_file_ + kLineEnd);
   } else {
     SendReply("-ERR invalid logfile name\r\n");
   }
+}
+
+bool MonitoringSession::BeginFile(const std::string& name) {
+  current_file_.clear();
+  transmitting_ = false;
+  extended_ = false;
+  tail_.Stop();
+  const auto found = std::find(log_files_.begin(), log_files_.end(), name);
+  const std::string root = monitoring_port_->GetDocumentRoot();
+  // A name not listed is refused like one that leads out of the root. Listed files are opened
+  // beneath the root, so a link swapped in since the listing cannot lead out of it either.
+  int error = EXDEV;
+  if (found != log_files_.end()) error = tail_.Start(root, *found);
+  if (error == EXDEV) {
+    SendReply("-ERR invalid logfile name\r\n");
+    Log(FWStringUtils::Printf("refused name %s from %s", Quoted(name).c_str(),
+                              GetIncomingAddress().c_str()));
+    return false;
+  }
+  if (error != 0) {
+    SendReply("-ERR can't read " + name + ": " + GetErrorMessage(error) + kLineEnd);
+    return false;
+  }
+  // The slash is added even when DocumentRoot ends in one; clients see this path.
+  current_file_ = root + "/" + *found;
+  transmitting_ = true;
+  Log(FWStringUtils::Printf("start %s from %s", Quoted(current_file_).c_str(),
+                            GetIncomingAddress().c_str()));
+  SendReply("+OK start transmitting " + current_file_ + kLineEnd);
+  return true;
+}
+
+void MonitoringSession::HandleBacklog(const std::string& line) {
+  last_start_time_ = std::time(nullptr);
+  std::vector<unsigned long long> numbers;
+  std::string name;
+  if (!ParseNumbers(ExtensionArguments(line, "backlog"), 1, &numbers, &name)) {
+    SendReply("-ERR bad arguments\r\n");
+    return;
+  }
+  const std::size_t lines =
+      static_cast<std::size_t>(std::min<unsigned long long>(numbers[0], LogTail::kMaxBacklogLines));
+  if (!BeginFile(name)) return;
+  tail_.Backlog(lines);
+  extended_ = true;
+  SendFeed(tail_.Poll());
+}
+
+void MonitoringSession::HandleResume(const std::string& line) {
+  last_start_time_ = std::time(nullptr);
+  std::vector<unsigned long long> numbers;
+  std::string name;
+  if (!ParseNumbers(ExtensionArguments(line, "resume"), 3, &numbers, &name)) {
+    SendReply("-ERR bad arguments\r\n");
+    return;
+  }
+  LogTail::Position from;
+  from.dev = static_cast<dev_t>(numbers[0]);
+  from.ino = static_cast<ino_t>(numbers[1]);
+  from.offset = static_cast<off_t>(
+      std::min<unsigned long long>(numbers[2], std::numeric_limits<off_t>::max()));
+  if (!BeginFile(name)) return;
+  const LogTail::Resumed outcome = tail_.Reposition(from);
+  extended_ = true;
+  SendFeed(tail_.Poll(), ResumedText(outcome));
+}
+
+void MonitoringSession::SendFeed(const std::string& data, const std::string& note) {
+  const LogTail::Position at = tail_.GetPosition();
+  std::ostringstream head;
+  head << "+FEED " << at.dev << ' ' << at.ino << ' ' << at.offset << (note.empty() ? "" : " ")
+       << note << kLineEnd;
+  SendReply(head.str() + data);
 }
 
 void MonitoringSession::HandleList() {

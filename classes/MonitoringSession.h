@@ -27,6 +27,18 @@ class MonitoringPort;
 // sync reading from server"). A zlib failure throws FWEOperationFailed out of QueueOutgoing /
 // QueueIncoming; the loop then ends the session.
 //
+// Extensions (commands a client of the original protocol never sends, so it sees no change):
+//   backlog N NAME               follow NAME after sending its last N lines (N <= 10000, at most
+//                                4 MiB of them)
+//   resume DEV INO OFFSET NAME   follow NAME from OFFSET when it is still that file (device and
+//                                inode) and not shorter; otherwise from what exists
+// Both answer as "start" does ("+OK start transmitting PATH\r\n", "-ERR invalid logfile
+// name\r\n"; "-ERR bad arguments\r\n" for malformed numbers). After an accepted one, each poll's
+// data is one message (not cut into 1 MiB replies) that begins with a position line,
+// "+FEED DEV INO OFFSET\r\n", giving the file and the offset of the next byte after the data.
+// The first such message follows the reply at once (with the backlog, if any); after resume its
+// line ends in " continued", " rotated", " truncated" or " gone".
+//
 // Back-pressure: while more than LogTail::kMaxPendingBytes (8 MiB) of replies wait to be sent to
 // the client, the session neither polls its log file nor reads or handles further commands; both
 // resume once the client has read enough (commands already received are taken up again by
@@ -143,6 +155,13 @@ class MonitoringSession final : public ProxySession {
   void CountFailedLogin(const std::string& user, const std::string& reason);
   void CountInvalidCommand();
   void HandleStart(const std::string& line);
+  void HandleBacklog(const std::string& line);
+  void HandleResume(const std::string& line);
+  // Stops any transmission, then looks name up and starts following it at its end. Replies as
+  // "start" does; false when refused.
+  bool BeginFile(const std::string& name);
+  // Sends data as one message behind its position line (extensions); note ends that line.
+  void SendFeed(const std::string& data, const std::string& note = "");
   void HandleList();
 
   // Client role.
@@ -167,6 +186,8 @@ class MonitoringSession final : public ProxySession {
   int client_state_ = 0;
   int server_state_ = 0;
   bool transmitting_ = false;
+  // The transmission was begun by an extension: data messages carry their position line.
+  bool extended_ = false;
   std::vector<std::string> log_files_;
   bool log_files_collected_ = false;
   bool user_accepted_ = false;

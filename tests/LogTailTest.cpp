@@ -297,4 +297,41 @@ TEST_F(LogTailTest, SplitRepliesCutsAtTheLimit) {
   EXPECT_EQ((std::vector<std::string>{"ab", "cd", "e"}), LogTail::SplitReplies("abcde", 2));
 }
 
+TEST_F(LogTailTest, BacklogStartsAtTheLastWholeLinesWithinTheBounds) {
+  struct Case {
+    std::string content;
+    std::size_t lines;
+    std::string first_poll;
+  };
+  const std::vector<Case> cases = {
+      {"a\nb\nc\n", 2, "b\r\nc\r\n"},
+      {"a\nb\nc", 2, "b\r\nc"},
+      {"a\nb\n", 5, "a\r\nb\r\n"},
+      {"a\nb\n", 0, ""},
+      {"", 3, ""},
+  };
+  for (const Case& c : cases) {
+    testutil::WriteFile(path_, c.content);
+    StartAtEnd();
+    tail_.Backlog(c.lines);
+    EXPECT_EQ(c.first_poll, tail_.Poll()) << c.content << " " << c.lines;
+  }
+  // 5000 lines of 1000 bytes: only the whole lines of the last 4 MiB (4194 of them).
+  std::string big;
+  for (int i = 0; i < 5000; ++i) big += std::string(999, 'x') + "\n";
+  testutil::WriteFile(path_, big);
+  StartAtEnd();
+  tail_.Backlog(100000);
+  EXPECT_EQ(4194u * 1001u, tail_.Poll().size());
+}
+
+// Continued, rotated and truncated are checked through the session's replies.
+TEST_F(LogTailTest, RepositionOnAMissingFileSaysGoneAndSendsItWholeWhenItAppears) {
+  StartAtEnd();
+  EXPECT_EQ(LogTail::Resumed::kGone, tail_.Reposition(LogTail::Position{1, 2, 3}));
+  EXPECT_EQ("", tail_.Poll());
+  testutil::WriteFile(path_, "back\n");
+  EXPECT_EQ("back\r\n", tail_.Poll());
+}
+
 }  // namespace

@@ -464,6 +464,37 @@ TEST_F(MonitoringSessionTest, StartWithoutNameConfirmsTheCurrentFileAndKeepsItsP
   Expect("-ERR invalid logfile name\r\n");
 }
 
+// The extensions: each data message begins with the position after it (device, inode, offset).
+TEST_F(MonitoringSessionTest, BacklogAndResumeRepliesAreExact) {
+  struct stat st;
+  ASSERT_EQ(::stat(root_.File("a.log").c_str(), &st), 0);
+  const std::string id = std::to_string(st.st_dev) + " " + std::to_string(st.st_ino) + " ";
+  const std::string started = "+OK start transmitting " + root_.Path() + "/a.log\r\n";
+  Connect();
+  Login();
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+      {"backlog 5 a.log", {started, "+FEED " + id + "6\r\nold a\r\n"}},
+      {"backlog 0 a.log", {started, "+FEED " + id + "6\r\n"}},
+      {"resume " + id + "2 a.log", {started, "+FEED " + id + "6 continued\r\nd a\r\n"}},
+      {"resume " + id + "7 a.log", {started, "+FEED " + id + "6 truncated\r\nold a\r\n"}},
+      {"resume 1 2 3 a.log", {started, "+FEED " + id + "6 rotated\r\nold a\r\n"}},
+      {"backlog 1 none.log", {"-ERR invalid logfile name\r\n"}},
+      {"backlog x a.log", {"-ERR bad arguments\r\n"}},
+      {"backlog 1 ", {"-ERR bad arguments\r\n"}},
+      {"resume 1 2 a.log", {"-ERR bad arguments\r\n"}},
+  };
+  for (const auto& [command, replies] : cases) {
+    Send(command + "\r\n");
+    for (const std::string& reply : replies) Expect(reply);
+  }
+  testutil::WriteFile(root_.File("a.log"), "new\n", true);
+  Send("backlog 1 a.log\r\n");
+  Expect(started);
+  Expect("+FEED " + id + "10\r\nnew\r\n");
+  testutil::WriteFile(root_.File("a.log"), "more\n", true);
+  Expect("+FEED " + id + "15\r\nmore\r\n");
+}
+
 TEST_F(MonitoringSessionTest, ListWithoutMatchingFilesAnswersOnlyOk) {
   port_->SetSearchPattern(FWString("*.none"));
   Connect();
