@@ -122,10 +122,8 @@ class NorvaneClientTest : public ::testing::Test {
   // ---- The client library in a thread of the test, against a ScriptedDaemon ----
 
   void RunLibrary(NorvaneClient::Mode mode, int port, const std::string& file, int timeout = 10) {
-    NorvaneClient::Options options;
-    options.password = "secret";
+    NorvaneClient::Options options = options_;
     options.timeout_seconds = timeout;
-    options.quiet = true;
     const int out = ::open(files_.File("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = ::open(files_.File("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     library_ = std::thread([=, this] {
@@ -149,15 +147,20 @@ class NorvaneClientTest : public ::testing::Test {
   // ---- The real binaries ----
 
   void StartDaemon() {
-    const std::string binary = home_.File("norvaned");
-    std::filesystem::copy_file(NORVANED_BINARY, binary);
+    std::filesystem::copy_file(NORVANED_BINARY, home_.File("norvaned"));
     port_ = testutil::FreePort();
     testutil::WriteFile(home_.File("Norvane.cf"),
                         "FileVersion=1.0\n[SessionManager]\n"
                         "[SessionManager\\Ports\\MonitoringPort]\nIncomingServer=127.0.0.1\n"
                         "IncomingPort=" +
                             std::to_string(port_) + "\nDocumentRoot=" + logs_.Path() + "\n");
-    testutil::ChildProcess launcher(binary, {}, home_.Path());
+    LaunchDaemon();
+  }
+  // Starts the daemon copied by StartDaemon (again, after DaemonExit) and waits until it listens.
+  void LaunchDaemon() {
+    ::unlink(PidPath().c_str());
+    ::unlink(home_.File("Norvane.log").c_str());
+    testutil::ChildProcess launcher(home_.File("norvaned"), {}, home_.Path());
     int status = -1;
     ASSERT_TRUE(launcher.WaitExit(seconds(10), &status)) << "the launcher did not return";
     ASSERT_TRUE(testutil::WaitUntil([&] { return !testutil::ReadFile(PidPath()).empty(); }))
@@ -273,6 +276,12 @@ class NorvaneClientTest : public ::testing::Test {
   std::thread library_;
   std::atomic<bool> library_done_{false};
   int library_code_ = -1;
+  NorvaneClient::Options options_ = [] {
+    NorvaneClient::Options options;
+    options.password = "secret";
+    options.quiet = true;
+    return options;
+  }();
 };
 
 }  // namespace
@@ -381,7 +390,81 @@ TEST_F(NorvaneClientTest, SilentDaemonAndBrokenRepliesEndWithTheirCodes) {
                              ": unexpected reply \"-ERR invalid command\n\"\n");
 }
 
+TEST_F(NorvaneClientTest, BacklogAgainstADaemonWithoutTheExtensionWarnsOnceAndFollows) {
+  ScriptedDaemon daemon;
+  options_.backlog_lines = 5;
+  RunLibrary(NorvaneClient::Mode::kTail, daemon.Port(), "app.log");
+  ASSERT_TRUE(daemon.Accept());
+  daemon.Send(kGreeting);
+  EXPECT_EQ(daemon.Receive(), "user logwatcher\r\n");
+  daemon.Send("+OK\r\n");
+  EXPECT_EQ(daemon.Receive(), "pass secret\r\n");
+  daemon.Send("+OK Login successful\r\n");
+  EXPECT_EQ(daemon.Receive(), "backlog 5 app.log\r\n");
+  daemon.Send("-ERR unrecognized command\r\n");
+  EXPECT_EQ(daemon.Receive(), "start app.log\r\n");
+  daemon.Send("+OK start transmitting /logs/app.log\r\n");
+  daemon.Send("+FEED 1 2 3\r\nnew line\r\n");  // data to an original client
+  daemon.Close();
+  const Outcome outcome = JoinLibrary();
+  EXPECT_EQ(outcome.code, NorvaneClient::kExitConnection);
+  EXPECT_EQ(outcome.out, "+FEED 1 2 3\nnew line\n");
+  const std::string where = "norvane: 127.0.0.1:" + std::to_string(daemon.Port()) + "/app.log: ";
+  EXPECT_EQ(outcome.err, where +
+                             "the daemon has no backlog or resume extension; following new lines "
+                             "only\n" +
+                             where + "connection lost: the daemon closed the connection\n");
+}
+
 // ---- The norvane binary against the real daemon ----
+
+TEST_F(NorvaneClientTest, BacklogWritesTheLastLinesThenTheAppendsEachOnce) {
+  std::string hundred;
+  for (int i = 1; i <= 100; ++i) hundred += "line " + std::to_string(i) + "\n";
+  testutil::WriteFile(logs_.File("app.log"), hundred);
+  StartDaemon();
+  StartClient({"tail", "-q", "-p", std::to_string(port_), "-n", "5", "app.log"});
+  ASSERT_TRUE(WaitForOutput("line 100\n")) << Err();
+  Append("app.log", "after 1\n");
+  ASSERT_TRUE(WaitForOutput("after 1\n")) << Out();
+  ::kill(client_pid_, SIGINT);
+  const Outcome outcome = WaitClient();
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "line 96\nline 97\nline 98\nline 99\nline 100\nafter 1\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(RunClient({"tail", "-n", "10001", "app.log"}).err,
+            "norvane: bad line count: 10001 (expected 0 to 10000)\nTry 'norvane --help'.\n");
+}
+
+// Lines written while the daemon is down arrive once; a file rotated meanwhile is announced.
+TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
+  testutil::WriteFile(logs_.File("app.log"), "old\n");
+  StartDaemon();
+  StartClient({"tail", "-F", "-q", "-p", std::to_string(port_), "app.log"});
+  Synchronize("app.log");
+  ASSERT_NE(DaemonExit(SIGTERM), -1);
+  Append("app.log", "while down\nunfinished ");
+  LaunchDaemon();
+  ASSERT_TRUE(WaitForOutput("while down\nunfinished ")) << Err();
+  Append("app.log", "line\n");
+  ASSERT_TRUE(WaitForOutput("unfinished line\n")) << Err();
+  ASSERT_NE(DaemonExit(SIGKILL), -1);
+  std::filesystem::rename(logs_.File("app.log"), logs_.File("app.log.1"));
+  testutil::WriteFile(logs_.File("app.log"), "rotated\n");
+  LaunchDaemon();
+  ASSERT_TRUE(WaitForOutput("rotated\n")) << Err();
+  ::kill(client_pid_, SIGINT);
+  const Outcome outcome = WaitClient();
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  EXPECT_EQ(WithoutMarkers(outcome.out), "while down\nunfinished line\nrotated\n");
+  const std::string where = "norvane: 127.0.0.1:" + std::to_string(port_) + "/app.log: ";
+  EXPECT_EQ(outcome.err.find(where), 0u) << outcome.err;
+  for (const char* notice :
+       {"connection lost: the daemon closed the connection; connecting again in 1 s\n",
+        "the file was rotated meanwhile; following it from its first byte\n"}) {
+    EXPECT_NE(outcome.err.find(where + std::string(notice)), std::string::npos) << outcome.err;
+  }
+}
 
 TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesOnePerLine) {
   testutil::WriteFile(logs_.File("b.log"), "");

@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <sstream>
 #include <utility>
 
 #include "FWException.h"
@@ -30,6 +32,11 @@ constexpr const char* kStarted = "+OK start transmitting ";
 constexpr const char* kNotOffered = "-ERR invalid logfile name\r\n";
 constexpr const char* kStopped = "+OK logfile transmission stopped\r\n";
 constexpr const char* kClosing = "+OK closing connection\r\n";
+// Extensions: the answers of a daemon that does not know them, and the position line that starts
+// each data message after them.
+constexpr const char* kUnknownBeforeLogin = "-ERR invalid command\r\n";
+constexpr const char* kUnknownAfterLogin = "-ERR unrecognized command\r\n";
+constexpr const char* kFeedHead = "+FEED ";
 // Keepalive probes after the idle time: every kProbeInterval seconds, kProbeCount of them.
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 3;
@@ -43,6 +50,16 @@ bool EndsWith(const std::string& text, const std::string& end) {
 }
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+// A daemon's reply for an error message: line ends as "\n", cut to kMaxQuotedBytes, control
+// characters escaped, so a hostile daemon can neither flood nor garble the terminal.
+constexpr std::size_t kMaxQuotedBytes = 200;
+std::string QuotedReply(const std::string& message) {
+  const std::string text = FWStringUtils::Convert2Unix(message);
+  const bool cut = text.size() > kMaxQuotedBytes;
+  return Quoted(NorvaneClient::Escape(text.substr(0, kMaxQuotedBytes), true)) +
+         (cut ? " (cut to " + std::to_string(kMaxQuotedBytes) + " bytes)" : "");
+}
 
 // The reason of a socket exception without the "(call) " in front of it.
 std::string Reason(const FWException& error) {
@@ -109,6 +126,7 @@ class NorvaneClient::Feed final {
     kStart,
     kStreaming,
     kClosing,  // stopping, with no stream to write
+    kWaiting,  // retry: connecting again at the deadline
     kDone
   };
 
@@ -137,6 +155,12 @@ class NorvaneClient::Feed final {
 
  private:
   bool CheckArguments();
+  bool WantsExtension() const;
+  std::string StartCommand() const;
+  void OnStarted(const std::string& message);
+  void OnFeed(const std::string& message);
+  void Retry(const std::string& text);
+  void Reset();
   void Connect();
   void Connected();
   void SetKeepalive();
@@ -177,6 +201,13 @@ class NorvaneClient::Feed final {
   // unfinished last line.
   std::string carry_;
   std::string partial_;
+  // Extensions: still to be tried with this daemon; the position after the last data received
+  // ("DEV INO OFFSET", empty before any); a first start was seen.
+  bool extensions_ = true;
+  std::string position_;
+  bool followed_ = false;
+  std::string resumed_;
+  int retry_seconds_ = kFirstRetrySeconds;
 };
 
 bool NorvaneClient::Feed::CheckArguments() {
@@ -192,6 +223,18 @@ bool NorvaneClient::Feed::CheckArguments() {
   if (problem.empty()) return true;
   Fail(kExitNotOffered, "cannot be requested: " + problem);
   return false;
+}
+
+bool NorvaneClient::Feed::WantsExtension() const {
+  const Options& options = owner_->options_;
+  return extensions_ && (options.backlog_lines >= 0 || options.retry);
+}
+
+std::string NorvaneClient::Feed::StartCommand() const {
+  if (!WantsExtension()) return "start " + target_.file + "\r\n";
+  if (!position_.empty()) return "resume " + position_ + " " + target_.file + "\r\n";
+  const int lines = std::max(owner_->options_.backlog_lines, 0);
+  return "backlog " + std::to_string(lines) + " " + target_.file + "\r\n";
 }
 
 void NorvaneClient::Feed::Start() {
@@ -315,15 +358,54 @@ void NorvaneClient::Feed::Send(const std::string& command) {
 }
 
 void NorvaneClient::Feed::OnMessage(const std::string& message) {
+  if (phase_ == Phase::kStreaming && WantsExtension() && StartsWith(message, kFeedHead)) {
+    OnFeed(message);
+    return;
+  }
   if (stop_sent_) {
     OnMessageWhileStopping(message);
     return;
   }
-  if (phase_ == Phase::kStreaming) {
+  if (phase_ == Phase::kStreaming && !WantsExtension()) {
     AddData(message);
     return;
   }
   OnReply(message);
+}
+
+void NorvaneClient::Feed::OnStarted(const std::string& message) {
+  phase_ = Phase::kStreaming;
+  has_deadline_ = false;
+  retry_seconds_ = kFirstRetrySeconds;
+  if (followed_ || owner_->options_.quiet) return;
+  followed_ = true;
+  const std::string path = message.substr(std::strlen(kStarted));
+  owner_->WriteErr("norvane: " + Where() + ": following " +
+                   path.substr(0, path.size() - (EndsWith(path, "\r\n") ? 2 : 0)) + "\n");
+}
+
+// "+FEED DEV INO OFFSET[ NOTE]\r\n" and the data. The note tells how a resume found the file;
+// anything but "continued" ends the unfinished line of the old position.
+void NorvaneClient::Feed::OnFeed(const std::string& message) {
+  const std::size_t end = message.find("\r\n");
+  std::istringstream head(message.substr(0, end == std::string::npos ? 0 : end));
+  std::string word;
+  unsigned long long dev = 0, ino = 0, offset = 0;
+  std::string note;
+  if (!(head >> word >> dev >> ino >> offset)) {
+    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
+    return;
+  }
+  head >> note;
+  position_ = std::to_string(dev) + " " + std::to_string(ino) + " " + std::to_string(offset);
+  if (!note.empty() && note != "continued") FlushData();
+  if (note == "rotated" || note == "truncated") {
+    owner_->WriteErr("norvane: " + Where() + ": the file was " + note +
+                     " meanwhile; following it from its first byte\n");
+  } else if (note == "gone") {
+    owner_->WriteErr("norvane: " + Where() + ": the file is gone; following it once it appears\n");
+  }
+  AddData(message.substr(end + 2));
 }
 
 void NorvaneClient::Feed::OnReply(const std::string& message) {
@@ -340,19 +422,21 @@ void NorvaneClient::Feed::OnReply(const std::string& message) {
     names_.push_back(message.substr(0, message.size() - 2));
     Arm();
   } else if (phase_ == Phase::kStart && StartsWith(message, kStarted)) {
-    phase_ = Phase::kStreaming;
-    has_deadline_ = false;
-    if (!options.quiet) {
-      const std::string path = message.substr(std::strlen(kStarted));
-      owner_->WriteErr("norvane: " + Where() + ": following " +
-                       path.substr(0, path.size() - (EndsWith(path, "\r\n") ? 2 : 0)) + "\n");
-    }
+    OnStarted(message);
+  } else if (phase_ == Phase::kStart && WantsExtension() &&
+             (message == kUnknownAfterLogin || message == kUnknownBeforeLogin)) {
+    extensions_ = false;
+    owner_->WriteErr(
+        "norvane: " + Where() +
+        ": the daemon has no backlog or resume extension; following new lines only" +
+        (options.retry ? ", and a reconnection will miss what was written meanwhile" : "") + "\n");
+    Send(StartCommand());
   } else if (phase_ == Phase::kStart && message == kNotOffered) {
     Refused(kExitNotOffered, "file not offered by the daemon (" +
                                  message.substr(0, message.size() - 2) +
                                  "); `norvane list` shows the files it offers");
   } else {
-    Fail(kExitProtocol, "unexpected reply " + Quoted(FWStringUtils::Convert2Unix(message)));
+    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
   }
 }
 
@@ -368,15 +452,15 @@ void NorvaneClient::Feed::OnLoginReply(const std::string& message) {
   } else if (phase_ == Phase::kPass && message == kLoginAccepted) {
     const bool listing = owner_->mode_ == Mode::kList;
     phase_ = listing ? Phase::kList : Phase::kStart;
-    Send(listing ? std::string("list\r\n") : "start " + target_.file + "\r\n");
+    Send(listing ? std::string("list\r\n") : StartCommand());
   } else {
-    Fail(kExitProtocol, "unexpected reply " + Quoted(FWStringUtils::Convert2Unix(message)));
+    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
   }
 }
 
 void NorvaneClient::Feed::RequestStop() {
   if (IsDone() || stop_sent_) return;
-  if (phase_ == Phase::kConnecting) {
+  if (phase_ == Phase::kConnecting || phase_ == Phase::kWaiting) {
     Finish();
     return;
   }
@@ -397,7 +481,8 @@ void NorvaneClient::Feed::OnMessageWhileStopping(const std::string& message) {
     phase_ = StartsWith(message, kStarted) ? Phase::kStreaming : Phase::kClosing;
     return;
   }
-  if (phase_ == Phase::kStreaming) {
+  // With the extensions data carries its position line, so replies are never taken for data.
+  if (phase_ == Phase::kStreaming && !WantsExtension()) {
     HoldOrData(message);
     return;
   }
@@ -430,6 +515,11 @@ void NorvaneClient::Feed::OnClose() {
 
 void NorvaneClient::Feed::CheckDeadline(Clock::time_point now) {
   if (IsDone() || !has_deadline_ || now < deadline_) return;
+  if (phase_ == Phase::kWaiting) {
+    phase_ = Phase::kConnecting;
+    Start();
+    return;
+  }
   const std::string seconds = std::to_string(owner_->options_.timeout_seconds);
   if (phase_ == Phase::kConnecting) {
     Fail(kExitConnection, "cannot connect: no answer within " + seconds + " s");
@@ -481,6 +571,11 @@ void NorvaneClient::Feed::FlushData() {
 
 void NorvaneClient::Feed::Fail(int code, const std::string& text) {
   if (IsDone()) return;
+  const bool retryable = code == kExitConnection || code == kExitNoAnswer;
+  if (owner_->options_.retry && retryable && !stop_sent_ && owner_->mode_ == Mode::kTail) {
+    Retry(text);
+    return;
+  }
   FlushData();
   owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
   if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
@@ -493,6 +588,28 @@ void NorvaneClient::Feed::Refused(int code, const std::string& text) {
   if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
   phase_ = Phase::kClosing;
   RequestStop();
+}
+
+// The unfinished last line is kept: a resumed feed completes it.
+void NorvaneClient::Feed::Retry(const std::string& text) {
+  owner_->WriteErr("norvane: " + Where() + ": " + text + "; connecting again in " +
+                   std::to_string(retry_seconds_) + " s\n");
+  Reset();
+  phase_ = Phase::kWaiting;
+  has_deadline_ = true;
+  deadline_ = Clock::now() + std::chrono::seconds(retry_seconds_);
+  retry_seconds_ = std::min(retry_seconds_ * 2, kLastRetrySeconds);
+}
+
+void NorvaneClient::Feed::Reset() {
+  socket_.Reset();
+  codec_.Clear();
+  send_buffer_.clear();
+  stop_sent_ = false;
+  expected_.clear();
+  held_.clear();
+  quit_answered_ = false;
+  phase_ = Phase::kConnecting;
 }
 
 void NorvaneClient::Feed::Finish() {
@@ -567,6 +684,28 @@ std::string NorvaneClient::ArgumentProblem(const std::string& keyword, const std
                                                : "password";
   return "the daemon removes leading blanks and line ends from a " + what + ", so " +
          (keyword == "pass" ? "this password" : Quoted(value)) + " can never reach it";
+}
+
+std::string NorvaneClient::Escape(const std::string& text, bool keep_newline) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const bool c1 = c == 0xc2 && i + 1 < text.size() &&
+                    static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                    static_cast<unsigned char>(text[i + 1]) <= 0x9f;
+    if ((c >= 0x20 && c != 0x7f && !c1) || c == '\t' || (c == '\n' && keep_newline)) {
+      out += text[i];
+      continue;
+    }
+    // A C1 control in UTF-8 (U+0080..U+009F) is shown as its code point's byte.
+    const unsigned char shown = c1 ? static_cast<unsigned char>(text[++i]) : c;
+    static const char kHex[] = "0123456789abcdef";
+    out += "\\x";
+    out += kHex[shown >> 4];
+    out += kHex[shown & 0xf];
+  }
+  return out;
 }
 
 std::string NorvaneClient::Label(const Target& target) {

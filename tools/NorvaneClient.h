@@ -57,7 +57,18 @@ class NorvaneClient final {
     bool keep_crlf = false;
     // Leave out the notice on the error output that a file is being followed.
     bool quiet = false;
+    // Tail: write the last this many lines of each file first (-1: none, as the original
+    // protocol does). Needs the daemon's backlog extension; without it a warning is written and
+    // only new lines follow.
+    int backlog_lines = -1;
+    // Tail: after a lost connection or an unanswering daemon, connect again (after 1 s, doubling
+    // up to 30 s) and resume where the feed stopped (needs the daemon's resume extension).
+    bool retry = false;
   };
+
+  static constexpr int kMaxBacklogLines = 10000;
+  static constexpr int kFirstRetrySeconds = 1;
+  static constexpr int kLastRetrySeconds = 30;
 
   // Parses a tail argument "[HOST:PORT/]FILE". The part before the first "/" is a daemon only
   // when it holds a ":" (HOST or PORT may be empty there: the defaults fill in); otherwise the
@@ -72,6 +83,9 @@ class NorvaneClient final {
   // Why the daemon can never take value as the argument of keyword ("start", "user", "pass"), or
   // "" when it can: the daemon removes the keyword, then leading white space and every "\r\n".
   static std::string ArgumentProblem(const std::string& keyword, const std::string& value);
+  // text with every control character but tab (and newline when keep_newline) shown as \xHH:
+  // C0 controls, DEL, and the C1 controls U+0080..U+009F in their UTF-8 form.
+  static std::string Escape(const std::string& text, bool keep_newline);
   // The source prefix of a tail line: "host:port/file: ".
   static std::string Label(const Target& target);
 

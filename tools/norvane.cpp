@@ -25,7 +25,8 @@ Commands
           written as HOST:PORT/NAME, ready to be given to tail.
   tail    Follow files and write what is appended to them to standard output, byte for byte,
           with each "\r\n" line end written as "\n". Only what is appended after the start is
-          sent; the daemon looks for new data once a second. Runs until Ctrl-C or SIGTERM.
+          sent (see -n); the daemon looks for new data once a second. Runs until Ctrl-C or
+          SIGTERM, or until a connection fails (see -F).
           With more than one FILE every line is prefixed with its source, "HOST:PORT/FILE: ",
           and lines of different sources never mix; the unfinished last line of a source is
           written (with a line end) when that source ends.
@@ -52,6 +53,16 @@ Options
                          with exit code 6 (60; 0 turns the probes off). A daemon process that
                          hangs on a live host is not detected this way: the feed then stays
                          silent, as it does when the file does not grow.
+  -n, --lines N          tail: first write the last N lines of each file (0 to 10000), then
+                         follow; nothing is lost or written twice in between. Needs a daemon
+                         with the backlog extension; an older one gets a warning and only new
+                         lines are written
+  -F, --retry            tail: when a connection is lost or the daemon stops answering (for
+                         example while it restarts), say so on standard error and connect again
+                         after 1 s, then 2, 4, ... up to 30 s between attempts; the feed resumes
+                         at the next byte of the same file, so nothing is lost or repeated. A
+                         file rotated, truncated or removed meanwhile is reported and followed
+                         from its first byte
       --crlf             keep the "\r\n" line ends as received
   -q, --quiet            do not report on standard error which file is being followed
   -h, --help             show this help
@@ -129,6 +140,13 @@ std::string ApplyOption(const std::string& name, const std::string& value, Argum
     args->password_given = true;
     return "";
   }
+  if (name == "--lines") {
+    return ParseSeconds(value, 0, &args->options.backlog_lines) &&
+                   args->options.backlog_lines <= NorvaneClient::kMaxBacklogLines
+               ? ""
+               : "bad line count: " + value + " (expected 0 to " +
+                     std::to_string(NorvaneClient::kMaxBacklogLines) + ")";
+  }
   if (name == "--timeout") {
     return ParseSeconds(value, 1, &args->options.timeout_seconds) ? "" : "bad time-out: " + value;
   }
@@ -143,13 +161,15 @@ std::string LongName(const std::string& option) {
   if (option == "-u") return "--user";
   if (option == "-t") return "--timeout";
   if (option == "-q") return "--quiet";
+  if (option == "-n") return "--lines";
+  if (option == "-F") return "--retry";
   if (option == "-h") return "--help";
   return option;
 }
 
 bool TakesValue(const std::string& name) {
   return name == "--host" || name == "--port" || name == "--user" || name == "--password" ||
-         name == "--timeout" || name == "--keepalive";
+         name == "--timeout" || name == "--keepalive" || name == "--lines";
 }
 
 // Handles argv[*i] (an option); advances *i past a separate value. "" or the complaint.
@@ -163,11 +183,12 @@ std::string ParseOption(int argc, char** argv, int* i, Arguments* args) {
     name = name.substr(0, equals);
   }
   name = LongName(name);
-  if (name == "--help" || name == "--crlf" || name == "--quiet") {
+  if (name == "--help" || name == "--crlf" || name == "--quiet" || name == "--retry") {
     if (inline_value) return "option " + name + " takes no value";
     args->help = args->help || name == "--help";
     args->options.keep_crlf = args->options.keep_crlf || name == "--crlf";
     args->options.quiet = args->options.quiet || name == "--quiet";
+    args->options.retry = args->options.retry || name == "--retry";
     return "";
   }
   if (!TakesValue(name)) return "unknown option " + name;
