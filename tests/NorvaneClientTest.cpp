@@ -12,10 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -534,6 +536,37 @@ TEST_F(NorvaneClientTest, TwoFilesArePrefixedAndLinesNeverInterleave) {
   EXPECT_EQ(WithoutMarkers(outcome.out),
             source + "b.log: beta 0\r\n" + source + "b.log: beta 1\r\n" + source +
                 "a.log: alpha begins and ends\r\n" + source + "b.log: unfinished\r\n");
+}
+
+TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
+  for (const char* name : {"a.log", "b.log", "c.log", "sub/d.log"}) {
+    std::filesystem::create_directories(std::filesystem::path(logs_.File(name)).parent_path());
+    testutil::WriteFile(logs_.File(name), std::string(name) + " last\n");
+  }
+  StartDaemon();
+  const std::string source = "127.0.0.1:" + std::to_string(port_) + "/";
+  StartClient({"tail", "-q", "-F", "-n", "1", ":" + std::to_string(port_) + "/*.log"});
+  ASSERT_TRUE(WaitFor([&] {
+    const std::string out = Out();
+    return std::count(out.begin(), out.end(), '\n') == 3;
+  })) << Out();
+  testutil::WriteFile(logs_.File("e.log"), "e.log first\n");
+  ASSERT_TRUE(WaitForOutput("e.log: e.log first\n")) << Err();
+  ::kill(client_pid_, SIGINT);
+  const Outcome outcome = WaitClient();
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  std::vector<std::string> lines;
+  std::istringstream stream(outcome.out);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       source + "a.log: a.log last", source + "b.log: b.log last",
+                       source + "c.log: c.log last", source + "e.log: e.log first"}));
+  EXPECT_EQ(outcome.err, "norvane: " + source + "e.log: new file matching \"*.log\"\n");
+  EXPECT_EQ(RunClient({"tail", "-p", std::to_string(port_), "x*"}).err,
+            "norvane: " + source +
+                "x*: no file matches; `norvane list` shows the files the daemon "
+                "offers\n");
 }
 
 TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {

@@ -1,5 +1,6 @@
 #include "NorvaneClient.h"
 
+#include <fnmatch.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -130,13 +131,20 @@ class NorvaneClient::Feed final {
     kDone
   };
 
-  Feed(NorvaneClient* owner, Target target, bool prefixed)
+  // mode is the feed's own: a tail run lists a daemon's files for a pattern with a kList feed.
+  Feed(NorvaneClient* owner, Mode mode, Target target, bool prefixed)
       : owner_(owner),
+        mode_(mode),
         target_(std::move(target)),
         prefixed_(prefixed),
         codec_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
 
   void Start();
+  // A pattern's listing: empties the names and lists again after seconds.
+  void ListAgain(int seconds);
+  // Follows the file from its first byte (as far as a backlog reaches): it appeared after the
+  // run began.
+  void FollowFromStart() { from_start_ = true; }
   void RequestStop();
   // Closes without a word to the daemon.
   void Abandon() { Finish(); }
@@ -182,6 +190,7 @@ class NorvaneClient::Feed final {
   std::string Where() const;
 
   NorvaneClient* const owner_;
+  const Mode mode_;
   const Target target_;
   const bool prefixed_;
   FWFeedCodec codec_;
@@ -206,7 +215,7 @@ class NorvaneClient::Feed final {
   bool extensions_ = true;
   std::string position_;
   bool followed_ = false;
-  std::string resumed_;
+  bool from_start_ = false;
   int retry_seconds_ = kFirstRetrySeconds;
 };
 
@@ -218,7 +227,7 @@ bool NorvaneClient::Feed::CheckArguments() {
     Fail(kExitLogin, "login impossible: " + problem);
     return false;
   }
-  if (owner_->mode_ == Mode::kList) return true;
+  if (mode_ == Mode::kList) return true;
   problem = ArgumentProblem("start", target_.file);
   if (problem.empty()) return true;
   Fail(kExitNotOffered, "cannot be requested: " + problem);
@@ -227,13 +236,22 @@ bool NorvaneClient::Feed::CheckArguments() {
 
 bool NorvaneClient::Feed::WantsExtension() const {
   const Options& options = owner_->options_;
-  return extensions_ && (options.backlog_lines >= 0 || options.retry);
+  return extensions_ && (options.backlog_lines >= 0 || options.retry || from_start_);
+}
+
+void NorvaneClient::Feed::ListAgain(int seconds) {
+  Reset();
+  names_.clear();
+  listed_ = false;
+  phase_ = Phase::kWaiting;
+  has_deadline_ = true;
+  deadline_ = Clock::now() + std::chrono::seconds(seconds);
 }
 
 std::string NorvaneClient::Feed::StartCommand() const {
-  if (!WantsExtension()) return "start " + target_.file + "\r\n";
+  if (!WantsExtension() && !from_start_) return "start " + target_.file + "\r\n";
   if (!position_.empty()) return "resume " + position_ + " " + target_.file + "\r\n";
-  const int lines = std::max(owner_->options_.backlog_lines, 0);
+  const int lines = from_start_ ? kMaxBacklogLines : std::max(owner_->options_.backlog_lines, 0);
   return "backlog " + std::to_string(lines) + " " + target_.file + "\r\n";
 }
 
@@ -450,7 +468,7 @@ void NorvaneClient::Feed::OnLoginReply(const std::string& message) {
   } else if (phase_ == Phase::kPass && message == kLoginFailed) {
     Refused(kExitLogin, "login refused: wrong password for user " + Quoted(options.user));
   } else if (phase_ == Phase::kPass && message == kLoginAccepted) {
-    const bool listing = owner_->mode_ == Mode::kList;
+    const bool listing = mode_ == Mode::kList;
     phase_ = listing ? Phase::kList : Phase::kStart;
     Send(listing ? std::string("list\r\n") : StartCommand());
   } else {
@@ -715,9 +733,13 @@ std::string NorvaneClient::Label(const Target& target) {
 NorvaneClient::NorvaneClient(Mode mode, std::vector<Target> targets, Options options, int out_fd,
                              int err_fd)
     : mode_(mode), options_(std::move(options)), out_fd_(out_fd), err_fd_(err_fd) {
-  const bool prefixed = targets.size() > 1;
+  bool prefixed = targets.size() > 1;
+  for (const Target& target : targets) prefixed = prefixed || IsPattern(target.file);
   for (Target& target : targets) {
-    feeds_.push_back(std::make_unique<Feed>(this, std::move(target), prefixed));
+    const bool pattern = mode_ == Mode::kTail && IsPattern(target.file);
+    feeds_.push_back(
+        std::make_unique<Feed>(this, pattern ? Mode::kList : mode_, std::move(target), prefixed));
+    if (pattern) patterns_.push_back(Pattern{feeds_.back().get(), {}, false});
   }
 }
 
@@ -769,7 +791,46 @@ bool NorvaneClient::PollOnce(int stop_fd) {
   const Clock::time_point now = Clock::now();
   for (auto& feed : feeds_) feed->CheckDeadline(now);
   HandleFailures();
+  ExpandPatterns();
   return true;
+}
+
+bool NorvaneClient::IsPattern(const std::string& file) {
+  return file.find_first_of("*?[") != std::string::npos;
+}
+
+// A pattern's listing that has ended adds a feed for every matching name not yet followed; "*"
+// and "?" do not match "/". Without retry the first listing is the only one, and finding nothing
+// fails; with it the daemon is asked again every kRelistSeconds.
+void NorvaneClient::ExpandPatterns() {
+  for (Pattern& pattern : patterns_) {
+    if (stopping_ || !pattern.lister->IsDone() || !pattern.lister->IsListed()) continue;
+    if (pattern.listed_once && !options_.retry) continue;
+    const Target& where = pattern.lister->GetTarget();
+    std::size_t added = 0;
+    for (const std::string& name : pattern.lister->Names()) {
+      if (::fnmatch(where.file.c_str(), name.c_str(), FNM_PATHNAME) != 0) continue;
+      if (!pattern.followed.insert(name).second) continue;
+      Target target = where;
+      target.file = name;
+      feeds_.push_back(std::make_unique<Feed>(this, Mode::kTail, target, true));
+      if (pattern.listed_once) {
+        WriteErr("norvane: " + Label(target).substr(0, Label(target).size() - 2) +
+                 ": new file matching " + Quoted(where.file) + "\n");
+        feeds_.back()->FollowFromStart();
+      }
+      feeds_.back()->Start();
+      ++added;
+    }
+    if (!pattern.listed_once && pattern.followed.empty() && !options_.retry) {
+      WriteErr("norvane: " + Label(where).substr(0, Label(where).size() - 2) +
+               ": no file matches; `norvane list` shows the files the daemon offers\n");
+      if (first_failure_ == kExitOk) first_failure_ = kExitNotOffered;
+    }
+    pattern.listed_once = true;
+    if (options_.retry) pattern.lister->ListAgain(kRelistSeconds);
+    HandleFailures();
+  }
 }
 
 int NorvaneClient::PollTimeoutMs() const {

@@ -14,6 +14,7 @@
 #define NORVANE_TOOLS_NORVANECLIENT_H_
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,8 @@ class NorvaneClient final {
   static constexpr int kMaxBacklogLines = 10000;
   static constexpr int kFirstRetrySeconds = 1;
   static constexpr int kLastRetrySeconds = 30;
+  // With retry, a FILE pattern's daemon is asked for its list again this long after the last.
+  static constexpr int kRelistSeconds = 8;
 
   // Parses a tail argument "[HOST:PORT/]FILE". The part before the first "/" is a daemon only
   // when it holds a ":" (HOST or PORT may be empty there: the defaults fill in); otherwise the
@@ -86,6 +89,8 @@ class NorvaneClient final {
   // text with every control character but tab (and newline when keep_newline) shown as \xHH:
   // C0 controls, DEL, and the C1 controls U+0080..U+009F in their UTF-8 form.
   static std::string Escape(const std::string& text, bool keep_newline);
+  // A tail FILE holding "*", "?" or "[" is a pattern matched against the daemon's list.
+  static bool IsPattern(const std::string& file);
   // The source prefix of a tail line: "host:port/file: ".
   static std::string Label(const Target& target);
 
@@ -103,6 +108,12 @@ class NorvaneClient final {
 
  private:
   class Feed;
+  // A tail FILE pattern: the feed that lists its daemon, and the names already followed.
+  struct Pattern {
+    Feed* lister;
+    std::set<std::string> followed;
+    bool listed_once;
+  };
 
   void StartAll();
   // One poll() over the stop descriptor and every open connection; false when nothing is left.
@@ -111,6 +122,7 @@ class NorvaneClient final {
   void DrainStop(int stop_fd);
   void RequestStop();
   void HandleFailures();
+  void ExpandPatterns();
   void PrintList();
   void WriteOut(const std::string& text);
   void WriteErr(const std::string& text) const;
@@ -120,6 +132,7 @@ class NorvaneClient final {
   const int out_fd_;
   const int err_fd_;
   std::vector<std::unique_ptr<Feed>> feeds_;
+  std::vector<Pattern> patterns_;
   bool stopping_ = false;
   bool abandon_ = false;
   bool out_failed_ = false;

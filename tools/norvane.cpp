@@ -37,6 +37,11 @@ Targets
   empty to take the default (web1:/access.log, :9081/app.log). A text before the first "/"
   counts as a daemon only when it holds a ":". Several daemons may be followed at once:
     norvane tail web1:9080/access.log web2:9080/access.log
+  A FILE holding "*", "?" or "[" is a pattern: every name in the daemon's list that it matches
+  is followed ("*" and "?" do not match "/"), each line prefixed with its source. With -F the
+  daemon is asked again every 8 s and new matching files are announced and followed from their
+  first line (up to 10000 lines back). Quote patterns for the shell:
+    norvane tail 'web1:9080/*.log' ':9081/nginx/*'
 
 Options
   -H, --host HOST        default daemon host (127.0.0.1); IPv4 addresses and host names
