@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -119,6 +120,7 @@ class NorvaneClientTest : public ::testing::Test {
     }
     ::close(stop_[0]);
     ::close(stop_[1]);
+    if (terminal_ >= 0) ::close(terminal_);
   }
 
   // ---- The client library in a thread of the test, against a ScriptedDaemon ----
@@ -195,12 +197,15 @@ class NorvaneClientTest : public ::testing::Test {
     client_pid_ = ::fork();
     if (client_pid_ == 0) {
       const int in = ::open("/dev/null", O_RDONLY);
-      const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int out_fd = terminal_ >= 0 ? ::open(::ptsname(terminal_), O_RDWR)
+                                        : ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       const int err_fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       if (in < 0 || out_fd < 0 || err_fd < 0 || ::dup2(in, 0) < 0 || ::dup2(out_fd, 1) < 0 ||
           ::dup2(err_fd, 2) < 0) {
         _exit(126);
       }
+      ::unsetenv("NO_COLOR");
+      for (const auto& [name, value] : environment_) ::setenv(name.c_str(), value.c_str(), 1);
       if (password == nullptr) {
         ::unsetenv("NORVANE_PASSWORD");
       } else {
@@ -262,6 +267,25 @@ class NorvaneClientTest : public ::testing::Test {
     testutil::WriteFile(logs_.File(file), text, true);
   }
 
+  // A pseudo-terminal for the client's standard output: what it shows arrives in terminal_out_.
+  void OpenTerminal() {
+    terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(terminal_, 0);
+    ASSERT_EQ(::grantpt(terminal_), 0);
+    ASSERT_EQ(::unlockpt(terminal_), 0);
+  }
+  bool WaitForTerminal(const std::string& text) {
+    return WaitFor([&] {
+      pollfd entry{terminal_, POLLIN, 0};
+      char buffer[4096];
+      if (::poll(&entry, 1, 100) == 1) {
+        const ssize_t got = ::read(terminal_, buffer, sizeof(buffer));
+        if (got > 0) terminal_out_.append(buffer, static_cast<std::size_t>(got));
+      }
+      return terminal_out_.find(text) != std::string::npos;
+    });
+  }
+
   std::string Out() const { return testutil::ReadFile(files_.File("out")); }
   std::string Err() const { return testutil::ReadFile(files_.File("err")); }
   static bool WaitFor(const std::function<bool()>& pred) {
@@ -275,6 +299,9 @@ class NorvaneClientTest : public ::testing::Test {
   pid_t daemon_pid_ = -1;
   pid_t client_pid_ = -1;
   int stop_[2] = {-1, -1};
+  int terminal_ = -1;
+  std::string terminal_out_;
+  std::vector<std::pair<std::string, std::string>> environment_;
   std::thread library_;
   std::atomic<bool> library_done_{false};
   int library_code_ = -1;
@@ -385,11 +412,13 @@ TEST_F(NorvaneClientTest, SilentDaemonAndBrokenRepliesEndWithTheirCodes) {
   ASSERT_TRUE(odd.Accept());
   odd.Send(kGreeting);
   EXPECT_EQ(odd.Receive(), "user logwatcher\r\n");
-  odd.Send("-ERR invalid command\r\n");
+  // A hostile reply: escaped, and cut to 200 bytes.
+  odd.Send("-ERR \x1b]0;pwned\x07" + std::string(300, 'x') + "\r\n");
   const Outcome outcome = JoinLibrary();
   EXPECT_EQ(outcome.code, NorvaneClient::kExitProtocol);
   EXPECT_EQ(outcome.err, "norvane: 127.0.0.1:" + std::to_string(odd.Port()) +
-                             ": unexpected reply \"-ERR invalid command\n\"\n");
+                             ": unexpected reply \"-ERR \\x1b]0;pwned\\x07" +
+                             std::string(185, 'x') + "\" (cut to 200 bytes)\n");
 }
 
 TEST_F(NorvaneClientTest, BacklogAgainstADaemonWithoutTheExtensionWarnsOnceAndFollows) {
@@ -567,6 +596,29 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
             "norvane: " + source +
                 "x*: no file matches; `norvane list` shows the files the daemon "
                 "offers\n");
+}
+
+// On a terminal control characters are shown escaped and source prefixes coloured.
+TEST_F(NorvaneClientTest, TerminalShowsControlCharactersEscapedAndPrefixesColoured) {
+  testutil::WriteFile(logs_.File("a.log"), "\x1b]0;pwned\x07 title\n");
+  testutil::WriteFile(logs_.File("b.log"), "\xc2\x9b tab\tbell\x07\n");
+  StartDaemon();
+  const std::string source = "127.0.0.1:" + std::to_string(port_) + "/";
+  OpenTerminal();
+  StartClient({"tail", "-q", "-n", "1", "-p", std::to_string(port_), "a.log", "b.log"});
+  // The terminal turns "\n" into "\r\n".
+  EXPECT_TRUE(WaitForTerminal("\x1b[36m" + source + "a.log\x1b[0m: \\x1b]0;pwned\\x07 title\r\n"))
+      << terminal_out_;
+  EXPECT_TRUE(WaitForTerminal("\x1b[33m" + source + "b.log\x1b[0m: \\x9b tab\tbell\\x07\r\n"))
+      << terminal_out_;
+  ::kill(client_pid_, SIGINT);
+  EXPECT_EQ(WaitClient().code, 0);
+  terminal_out_.clear();
+  environment_ = {{"NO_COLOR", "1"}};
+  StartClient({"tail", "-q", "-n", "1", "--raw", "-p", std::to_string(port_), "a.log", "b.log"});
+  EXPECT_TRUE(WaitForTerminal(source + "a.log: \x1b]0;pwned\x07 title\r\n")) << terminal_out_;
+  ::kill(client_pid_, SIGINT);
+  EXPECT_EQ(WaitClient().code, 0);
 }
 
 TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {

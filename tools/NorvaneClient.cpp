@@ -38,6 +38,10 @@ constexpr const char* kClosing = "+OK closing connection\r\n";
 constexpr const char* kUnknownBeforeLogin = "-ERR invalid command\r\n";
 constexpr const char* kUnknownAfterLogin = "-ERR unrecognized command\r\n";
 constexpr const char* kFeedHead = "+FEED ";
+// Source prefixes on a terminal: cyan, yellow, magenta, green, blue, red; then again.
+constexpr const char* kColours[] = {"\x1b[36m", "\x1b[33m", "\x1b[35m",
+                                    "\x1b[32m", "\x1b[34m", "\x1b[31m"};
+constexpr const char* kColourOff = "\x1b[0m";
 // Keepalive probes after the idle time: every kProbeInterval seconds, kProbeCount of them.
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 3;
@@ -137,6 +141,7 @@ class NorvaneClient::Feed final {
         mode_(mode),
         target_(std::move(target)),
         prefixed_(prefixed),
+        colour_(owner->feeds_.size() % (sizeof(kColours) / sizeof(kColours[0]))),
         codec_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
 
   void Start();
@@ -182,6 +187,10 @@ class NorvaneClient::Feed final {
   void HoldOrData(const std::string& message);
   void OnClose();
   void AddData(const std::string& text);
+  // Data as written: escaped when the options ask for it.
+  std::string Shown(const std::string& text) const;
+  // The source prefix, coloured when the options ask for it.
+  std::string Prefix() const;
   void FlushData();
   void Fail(int code, const std::string& text);
   void Refused(int code, const std::string& text);
@@ -193,6 +202,7 @@ class NorvaneClient::Feed final {
   const Mode mode_;
   const Target target_;
   const bool prefixed_;
+  const std::size_t colour_;
   FWFeedCodec codec_;
   SocketHandle socket_;
   Phase phase_ = Phase::kConnecting;
@@ -561,12 +571,13 @@ void NorvaneClient::Feed::AddData(const std::string& message) {
     }
     text = FWStringUtils::Convert2Unix(text);
   }
+  text = Shown(text);
   if (!prefixed_) {
     owner_->WriteOut(text);
     return;
   }
   partial_ += text;
-  const std::string prefix = Label(target_);
+  const std::string prefix = Prefix();
   std::string lines;
   std::size_t start = 0;
   for (std::size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
@@ -579,12 +590,22 @@ void NorvaneClient::Feed::AddData(const std::string& message) {
 // The end of a source: a held "\r" and an unfinished last line are written as they are; a
 // prefixed line gets its line end so that the next source's line starts on a line of its own.
 void NorvaneClient::Feed::FlushData() {
-  std::string rest = carry_ + partial_;
+  std::string rest = Shown(carry_) + partial_;
   carry_.clear();
   partial_.clear();
   if (rest.empty()) return;
-  if (prefixed_) rest = Label(target_) + rest + (owner_->options_.keep_crlf ? "\r\n" : "\n");
+  if (prefixed_) rest = Prefix() + rest + (owner_->options_.keep_crlf ? "\r\n" : "\n");
   owner_->WriteOut(rest);
+}
+
+std::string NorvaneClient::Feed::Shown(const std::string& text) const {
+  return owner_->options_.escape ? Escape(text, true) : text;
+}
+
+std::string NorvaneClient::Feed::Prefix() const {
+  const std::string label = Label(target_);
+  if (!owner_->options_.colour) return label;
+  return kColours[colour_] + label.substr(0, label.size() - 2) + kColourOff + ": ";
 }
 
 void NorvaneClient::Feed::Fail(int code, const std::string& text) {
@@ -704,7 +725,7 @@ std::string NorvaneClient::ArgumentProblem(const std::string& keyword, const std
          (keyword == "pass" ? "this password" : Quoted(value)) + " can never reach it";
 }
 
-std::string NorvaneClient::Escape(const std::string& text, bool keep_newline) {
+std::string NorvaneClient::Escape(const std::string& text, bool keep_line_ends) {
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -712,7 +733,8 @@ std::string NorvaneClient::Escape(const std::string& text, bool keep_newline) {
     const bool c1 = c == 0xc2 && i + 1 < text.size() &&
                     static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
                     static_cast<unsigned char>(text[i + 1]) <= 0x9f;
-    if ((c >= 0x20 && c != 0x7f && !c1) || c == '\t' || (c == '\n' && keep_newline)) {
+    const bool line_end = c == '\n' || (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n');
+    if ((c >= 0x20 && c != 0x7f && !c1) || c == '\t' || (line_end && keep_line_ends)) {
       out += text[i];
       continue;
     }
@@ -875,7 +897,9 @@ void NorvaneClient::PrintList() {
     const std::string label = Label(feed->GetTarget());
     const std::string prefix = prefixed ? label.substr(0, label.size() - 2) : "";
     if (!feed->IsListed()) continue;  // stopped before the daemon's "+OK"
-    for (const std::string& name : feed->Names()) text += prefix + name + "\n";
+    for (const std::string& name : feed->Names()) {
+      text += prefix + (options_.escape ? Escape(name, false) : name) + "\n";
+    }
   }
   WriteOut(text);
 }
@@ -894,7 +918,8 @@ void NorvaneClient::WriteOut(const std::string& text) {
   if (!stopping_) RequestStop();
 }
 
+// Messages may quote what a daemon sent (paths, names, replies): shown escaped.
 void NorvaneClient::WriteErr(const std::string& text) const {
   // Nothing better can be done when the error output itself fails.
-  (void)WriteAll(err_fd_, text);
+  (void)WriteAll(err_fd_, Escape(text, true));
 }

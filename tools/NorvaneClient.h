@@ -65,6 +65,10 @@ class NorvaneClient final {
     // Tail: after a lost connection or an unanswering daemon, connect again (after 1 s, doubling
     // up to 30 s) and resume where the feed stopped (needs the daemon's resume extension).
     bool retry = false;
+    // Show the control characters of data and names escaped (for a terminal; see Escape).
+    bool escape = false;
+    // Colour each source's prefix (for a terminal).
+    bool colour = false;
   };
 
   static constexpr int kMaxBacklogLines = 10000;
@@ -86,9 +90,9 @@ class NorvaneClient final {
   // Why the daemon can never take value as the argument of keyword ("start", "user", "pass"), or
   // "" when it can: the daemon removes the keyword, then leading white space and every "\r\n".
   static std::string ArgumentProblem(const std::string& keyword, const std::string& value);
-  // text with every control character but tab (and newline when keep_newline) shown as \xHH:
-  // C0 controls, DEL, and the C1 controls U+0080..U+009F in their UTF-8 form.
-  static std::string Escape(const std::string& text, bool keep_newline);
+  // text with every control character but tab (and "\n" and "\r\n" when keep_line_ends) shown
+  // as \xHH: C0 controls, DEL, and the C1 controls U+0080..U+009F in their UTF-8 form.
+  static std::string Escape(const std::string& text, bool keep_line_ends);
   // A tail FILE holding "*", "?" or "[" is a pattern matched against the daemon's list.
   static bool IsPattern(const std::string& file);
   // The source prefix of a tail line: "host:port/file: ".

@@ -12,13 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "FWProduct.h"
 #include "NorvaneClient.h"
 
 namespace {
 
 constexpr const char* kHelp = R"(Usage: norvane list [OPTIONS] [HOST[:PORT]]...
        norvane tail [OPTIONS] [HOST:PORT/]FILE...
-       norvane --help
+       norvane --help | --version
 
 Commands
   list    Print the files a daemon offers, one per line. With several daemons each name is
@@ -68,9 +69,16 @@ Options
                          at the next byte of the same file, so nothing is lost or repeated. A
                          file rotated, truncated or removed meanwhile is reported and followed
                          from its first byte
+      --color[=WHEN]     colour each source's prefix: auto (the default: when standard output
+                         is a terminal and NO_COLOR is not set), always (also --color alone)
+                         or never
+      --raw              write data as received; otherwise, when standard output is a
+                         terminal, control characters other than tab and line ends are shown
+                         as \xHH (a log line cannot retitle or garble the terminal)
       --crlf             keep the "\r\n" line ends as received
   -q, --quiet            do not report on standard error which file is being followed
   -h, --help             show this help
+      --version          show the version
 
 Password
   From --password, else from the environment variable NORVANE_PASSWORD, else asked on the
@@ -106,6 +114,9 @@ void OnStopSignal(int /*sig*/) {
 
 struct Arguments {
   std::string command;
+  std::string colour = "auto";
+  bool raw = false;
+  bool version = false;
   std::vector<std::string> targets;
   NorvaneClient::Target defaults{NorvaneClient::kDefaultHost, NorvaneClient::kDefaultPort, ""};
   NorvaneClient::Options options;
@@ -145,6 +156,12 @@ std::string ApplyOption(const std::string& name, const std::string& value, Argum
     args->password_given = true;
     return "";
   }
+  if (name == "--color") {
+    args->colour = value;
+    return value == "auto" || value == "always" || value == "never"
+               ? ""
+               : "bad --color value: " + value + " (expected auto, always or never)";
+  }
   if (name == "--lines") {
     return ParseSeconds(value, 0, &args->options.backlog_lines) &&
                    args->options.backlog_lines <= NorvaneClient::kMaxBacklogLines
@@ -174,7 +191,7 @@ std::string LongName(const std::string& option) {
 
 bool TakesValue(const std::string& name) {
   return name == "--host" || name == "--port" || name == "--user" || name == "--password" ||
-         name == "--timeout" || name == "--keepalive" || name == "--lines";
+         name == "--timeout" || name == "--keepalive" || name == "--lines" || name == "--color";
 }
 
 // Handles argv[*i] (an option); advances *i past a separate value. "" or the complaint.
@@ -188,9 +205,13 @@ std::string ParseOption(int argc, char** argv, int* i, Arguments* args) {
     name = name.substr(0, equals);
   }
   name = LongName(name);
-  if (name == "--help" || name == "--crlf" || name == "--quiet" || name == "--retry") {
+  if (name == "--color" && !inline_value) return ApplyOption(name, "always", args);
+  if (name == "--help" || name == "--crlf" || name == "--quiet" || name == "--retry" ||
+      name == "--raw" || name == "--version") {
     if (inline_value) return "option " + name + " takes no value";
     args->help = args->help || name == "--help";
+    args->version = args->version || name == "--version";
+    args->raw = args->raw || name == "--raw";
     args->options.keep_crlf = args->options.keep_crlf || name == "--crlf";
     args->options.quiet = args->options.quiet || name == "--quiet";
     args->options.retry = args->options.retry || name == "--retry";
@@ -220,7 +241,7 @@ std::string ParseArguments(int argc, char** argv, Arguments* args) {
       args->targets.push_back(arg);
     }
   }
-  if (args->help) return "";
+  if (args->help || args->version) return "";
   if (args->command != "list" && args->command != "tail") {
     return args->command.empty() ? "no command given" : "unknown command " + args->command;
   }
@@ -331,6 +352,16 @@ int main(int argc, char** argv) {
     std::fputs(kHelp, stdout);
     return NorvaneClient::kExitOk;
   }
+  if (args.version) {
+    std::printf("norvane %s\n", FWProduct::GetVersion().c_str());
+    return NorvaneClient::kExitOk;
+  }
+  const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+  const char* no_colour = std::getenv("NO_COLOR");
+  const bool colour_wanted = no_colour == nullptr || *no_colour == '\0';
+  args.options.escape = terminal && !args.raw;
+  args.options.colour =
+      args.colour == "always" || (args.colour == "auto" && terminal && colour_wanted);
   std::vector<NorvaneClient::Target> targets;
   const std::string target_complaint = ParseTargets(args, &targets);
   if (!target_complaint.empty()) return Usage(target_complaint);
