@@ -26,6 +26,7 @@
 #include <gtest/gtest.h>
 
 #include "FWFeedCodec.h"
+#include "FWProduct.h"
 #include "TestUtil.h"
 
 namespace {
@@ -657,6 +658,7 @@ TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {
   outcome = RunClient({"--help"});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_NE(outcome.out.find("  6  the daemon stopped answering"), std::string::npos);
+  EXPECT_EQ(RunClient({"--version"}).out, "norvane " + FWProduct::GetVersion() + "\n");
 
   EXPECT_EQ(DaemonExit(SIGTERM), 0);
   outcome = RunClient({"list", "-p", port});
