@@ -3,7 +3,8 @@
 # Sourced by run.sh and test.sh; usable on its own: bash scripts/deps.sh
 set -euo pipefail
 
-NORVANE_PACKAGES=(g++ cmake make zlib1g-dev libgtest-dev libgmock-dev libssl-dev clang-format)
+NORVANE_PACKAGES=(g++ cmake make zlib1g-dev libgtest-dev libgmock-dev libssl-dev clang-format
+  dpkg-dev)
 
 norvane_install_deps() {
   local missing=()
