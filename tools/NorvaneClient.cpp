@@ -42,6 +42,7 @@ constexpr const char* kFeedHead = "+FEED ";
 constexpr const char* kColours[] = {"\x1b[36m", "\x1b[33m", "\x1b[35m",
                                     "\x1b[32m", "\x1b[34m", "\x1b[31m"};
 constexpr const char* kColourOff = "\x1b[0m";
+constexpr const char kHex[] = "0123456789abcdef";
 // Keepalive probes after the idle time: every kProbeInterval seconds, kProbeCount of them.
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 3;
@@ -172,6 +173,7 @@ class NorvaneClient::Feed final {
   std::string StartCommand() const;
   void OnStarted(const std::string& message);
   void OnFeed(const std::string& message);
+  void OnExtensionRefused();
   void Retry(const std::string& text);
   void Reset();
   void Connect();
@@ -453,12 +455,7 @@ void NorvaneClient::Feed::OnReply(const std::string& message) {
     OnStarted(message);
   } else if (phase_ == Phase::kStart && WantsExtension() &&
              (message == kUnknownAfterLogin || message == kUnknownBeforeLogin)) {
-    extensions_ = false;
-    owner_->WriteErr(
-        "norvane: " + Where() +
-        ": the daemon has no backlog or resume extension; following new lines only" +
-        (options.retry ? ", and a reconnection will miss what was written meanwhile" : "") + "\n");
-    Send(StartCommand());
+    OnExtensionRefused();
   } else if (phase_ == Phase::kStart && message == kNotOffered) {
     Refused(kExitNotOffered, "file not offered by the daemon (" +
                                  message.substr(0, message.size() - 2) +
@@ -466,6 +463,17 @@ void NorvaneClient::Feed::OnReply(const std::string& message) {
   } else {
     Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
   }
+}
+
+// An older daemon: warned once per feed, which then uses the original "start" for good.
+void NorvaneClient::Feed::OnExtensionRefused() {
+  extensions_ = false;
+  owner_->WriteErr(
+      "norvane: " + Where() +
+      ": the daemon has no backlog or resume extension; following new lines only" +
+      (owner_->options_.retry ? ", and a reconnection will miss what was written meanwhile" : "") +
+      "\n");
+  Send(StartCommand());
 }
 
 void NorvaneClient::Feed::OnLoginReply(const std::string& message) {
@@ -740,7 +748,6 @@ std::string NorvaneClient::Escape(const std::string& text, bool keep_line_ends) 
     }
     // A C1 control in UTF-8 (U+0080..U+009F) is shown as its code point's byte.
     const unsigned char shown = c1 ? static_cast<unsigned char>(text[++i]) : c;
-    static const char kHex[] = "0123456789abcdef";
     out += "\\x";
     out += kHex[shown >> 4];
     out += kHex[shown & 0xf];

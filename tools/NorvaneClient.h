@@ -7,7 +7,8 @@
 //   2 usage error
 //   3 connection refused, lost or not made in time, or host not found
 //   4 login refused (user or password)
-//   5 file not offered by the daemon ("-ERR invalid logfile name"), or a name it cannot be asked
+//   5 file not offered by the daemon ("-ERR invalid logfile name"), or a name it cannot be asked,
+//     or a FILE pattern that matches none of the daemon's files
 //   6 daemon stopped answering (no reply within the time-out, or keepalive probes unanswered)
 //   7 the daemon broke the protocol (unexpected reply, corrupt frame)
 #ifndef NORVANE_TOOLS_NORVANECLIENT_H_
@@ -20,6 +21,8 @@
 
 // Runs every connection in one thread over poll(). The first failure of any connection ends the
 // whole run: its message is written, the other daemons get "quit", and its exit code is returned.
+// With Options::retry a lost or unanswering connection is no failure: it is reported and made
+// again.
 // Not thread-safe; one Run per object.
 class NorvaneClient final {
  public:

@@ -97,7 +97,8 @@ Exit codes
   2  usage error (unknown option, missing argument, no password)
   3  connection refused, lost (for example the daemon ended) or not made in time; host unknown
   4  login refused: unknown user or wrong password
-  5  file not offered by the daemon ("-ERR invalid logfile name"), or a name it cannot be asked
+  5  file not offered by the daemon ("-ERR invalid logfile name"), a name it cannot be asked,
+     or a pattern that matches none of its files
   6  the daemon stopped answering: no reply within the time-out, or keepalive probes unanswered
   7  the daemon broke the protocol (unexpected reply or corrupt frame)
 )";
