@@ -24,8 +24,9 @@ constexpr const char* kHelp = R"(Usage: norvane list [OPTIONS] [HOST[:PORT]]...
 Commands
   list    Print the files a daemon offers, one per line. With several daemons each name is
           written as HOST:PORT/NAME, ready to be given to tail.
-  tail    Follow files and write what is appended to them to standard output, byte for byte,
-          with each "\r\n" line end written as "\n". Only what is appended after the start is
+  tail    Follow files and write what is appended to them to standard output, byte for byte
+          (on a terminal control characters are shown escaped; see --raw), with each "\r\n"
+          line end written as "\n". Only what is appended after the start is
           sent (see -n); the daemon looks for new data once a second. Runs until Ctrl-C or
           SIGTERM, or until a connection fails (see -F).
           With more than one FILE every line is prefixed with its source, "HOST:PORT/FILE: ",
@@ -89,7 +90,7 @@ Stopping
   Ctrl-C (SIGINT) or SIGTERM sends "stop" and "quit" to every daemon, writes what arrived until
   each has closed the connection, and exits with 0. A second Ctrl-C ends at once. If one of
   several connections fails, the others are ended the same way and the failure decides the
-  exit code.
+  exit code; with -F a lost connection is no failure, it is made again.
 
 Exit codes
   0  done: list printed, or tail stopped by Ctrl-C / SIGTERM or a closed standard output
