@@ -60,6 +60,7 @@ std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 // A daemon's reply for an error message: line ends as "\n", cut to kMaxQuotedBytes, control
 // characters escaped, so a hostile daemon can neither flood nor garble the terminal.
 constexpr std::size_t kMaxQuotedBytes = 200;
+constexpr std::size_t kMaxPathBytes = 4096;
 std::string QuotedReply(const std::string& message) {
   const std::string text = FWStringUtils::Convert2Unix(message);
   const bool cut = text.size() > kMaxQuotedBytes;
@@ -409,9 +410,11 @@ void NorvaneClient::Feed::OnStarted(const std::string& message) {
   retry_seconds_ = kFirstRetrySeconds;
   if (followed_ || owner_->options_.quiet) return;
   followed_ = true;
-  const std::string path = message.substr(std::strlen(kStarted));
-  owner_->WriteErr("norvane: " + Where() + ": following " +
-                   path.substr(0, path.size() - (EndsWith(path, "\r\n") ? 2 : 0)) + "\n");
+  std::string path = message.substr(std::strlen(kStarted));
+  path.resize(path.size() - (EndsWith(path, "\r\n") ? 2 : 0));
+  // No real path is longer; a hostile daemon's text is cut like a quoted reply.
+  if (path.size() > kMaxPathBytes) path = path.substr(0, kMaxPathBytes) + " (cut)";
+  owner_->WriteErr("norvane: " + Where() + ": following " + path + "\n");
 }
 
 // "+FEED DEV INO OFFSET[ NOTE]\r\n" and the data. The note tells how a resume found the file;
