@@ -76,8 +76,8 @@ for _ in $(seq 100); do grep -q " listening on " "$demo/Norvane.log" 2>/dev/null
 ) &
 writer=$!
 
-echo "==> Following app.log with: norvane tail --port $port app.log  (Ctrl-C stops)"
-NORVANE_PASSWORD="$password" build/norvane tail --port "$port" app.log &
+echo "==> Following app.log with: norvane tail -n 5 -F --port $port app.log  (Ctrl-C stops)"
+NORVANE_PASSWORD="$password" build/norvane tail -n 5 -F --port "$port" app.log &
 client=$!
 if [ "$seconds" -gt 0 ]; then
   sleep "$seconds"
