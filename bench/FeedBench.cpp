@@ -3,7 +3,6 @@
 // our Blowfish against OpenSSL's. Run on demand (scripts/bench.sh), never in CI; compare the
 // rows of one run with each other, not with another machine's.
 #include <cstring>
-#include <random>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -14,6 +13,7 @@
 #include "FWFeedCodec.h"
 #include "FWStringUtils.h"
 #include "LogTail.h"
+#include "LogText.h"
 
 #ifdef NORVANE_BENCH_LIBDEFLATE
 #include <libdeflate.h>
@@ -21,22 +21,9 @@
 
 namespace {
 
-// Log-like text: stamped lines of varying words and numbers, compressing about as real logs do.
-std::string LogText(std::size_t size) {
-  static const char* const kWords[] = {"GET", "POST", "/index.html", "/api/v1/items",
-                                       "200", "404",  "served",      "in",
-                                       "ms",  "user", "session",     "cache"};
-  std::mt19937 random(42);
-  std::string text;
-  while (text.size() < size) {
-    text += "2026-11-23 11:" + std::to_string(random() % 60) + ":" + std::to_string(random() % 60) +
-            " web[" + std::to_string(random() % 9000) + "]:";
-    for (int i = 0; i < 8; ++i) {
-      text += ' ';
-      text += kWords[random() % 12];
-    }
-    text += ' ' + std::to_string(random() % 100000) + "\n";
-  }
+// Log-like text of exactly size bytes.
+std::string LogTextOf(std::size_t size) {
+  std::string text = LogText(size);
   text.resize(size);
   return text;
 }
@@ -46,7 +33,7 @@ void SetBytes(benchmark::State& state, std::size_t size) {
 }
 
 void BM_Frame(benchmark::State& state) {
-  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
   const FWFeedCodec codec(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit);
   for (auto _ : state) benchmark::DoNotOptimize(codec.Frame(text));
   SetBytes(state, text.size());
@@ -55,7 +42,7 @@ void BM_Frame(benchmark::State& state) {
 // The limit a frame cannot beat: one zlib level-1 compression of the text into a ready buffer,
 // then Blowfish over the result.
 void BM_ZlibBlowfishLimit(benchmark::State& state) {
-  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
   const Blowfish cipher(FWFeedCodec::kFeedKey);
   std::string out(compressBound(text.size()) + 8, '\0');
   for (auto _ : state) {
@@ -72,7 +59,7 @@ void BM_ZlibBlowfishLimit(benchmark::State& state) {
 #ifdef NORVANE_BENCH_LIBDEFLATE
 // The alternative compressor: libdeflate's whole-buffer zlib format at level 1, plus Blowfish.
 void BM_LibdeflateBlowfish(benchmark::State& state) {
-  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
   const Blowfish cipher(FWFeedCodec::kFeedKey);
   libdeflate_compressor* compressor = libdeflate_alloc_compressor(1);
   std::string out(libdeflate_zlib_compress_bound(compressor, text.size()) + 8, '\0');
@@ -91,7 +78,7 @@ BENCHMARK(BM_LibdeflateBlowfish)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
 
 // The client's side: reassemble, decipher and inflate frames of the given size.
 void BM_Decode(benchmark::State& state) {
-  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
   const std::string frame =
       FWFeedCodec(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit).Frame(text);
   FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
@@ -106,7 +93,7 @@ void BM_Decode(benchmark::State& state) {
 
 // The daemon's "\n" to "\r\n" conversion of what it reads, and the client's way back.
 void BM_ToDos(benchmark::State& state) {
-  const std::string text = LogText(static_cast<std::size_t>(state.range(0)));
+  const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
     bool after_cr = false;
     benchmark::DoNotOptimize(LogTail::ToDos(text, &after_cr));
@@ -117,7 +104,7 @@ void BM_ToDos(benchmark::State& state) {
 void BM_Convert2Unix(benchmark::State& state) {
   bool after_cr = false;
   const std::string text =
-      LogTail::ToDos(LogText(static_cast<std::size_t>(state.range(0))), &after_cr);
+      LogTail::ToDos(LogTextOf(static_cast<std::size_t>(state.range(0))), &after_cr);
   for (auto _ : state) benchmark::DoNotOptimize(FWStringUtils::Convert2Unix(text));
   SetBytes(state, text.size());
 }

@@ -30,7 +30,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -40,6 +39,7 @@
 
 #include "FWBlowfish.h"
 #include "FWFeedCodec.h"
+#include "LogText.h"
 
 namespace {
 
@@ -166,22 +166,6 @@ struct Tally {
     crc = crc32(crc, reinterpret_cast<const Bytef*>(data), static_cast<uInt>(size));
   }
 };
-
-// Log-like text: whole lines of stamps, words and numbers, compressing about as real logs do.
-std::string LogText(std::size_t size) {
-  static const char* const kWords[] = {"GET", "POST", "/index.html", "/api/v1/items",
-                                       "200", "404",  "served",      "in",
-                                       "ms",  "user", "session",     "cache"};
-  std::mt19937 random(42);
-  std::string text;
-  while (text.size() < size) {
-    text += "2026-11-23 11:" + std::to_string(random() % 60) + ":" + std::to_string(random() % 60) +
-            " web[" + std::to_string(random() % 9000) + "]:";
-    for (int i = 0; i < 8; ++i) text += std::string(" ") + kWords[random() % 12];
-    text += ' ' + std::to_string(random() % 100000) + "\n";
-  }
-  return text;
-}
 
 // CPU seconds per GB of zlib level 1 (compress2) + Blowfish over 1 MiB chunks of text.
 double LimitCpuPerGB(const std::string& text, std::size_t total) {
