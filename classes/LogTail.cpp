@@ -120,6 +120,29 @@ LogTail::Resumed LogTail::Reposition(const Position& from) {
   return same ? Resumed::kTruncated : Resumed::kRotated;
 }
 
+LogTail::Step LogTail::GetStep() const {
+  return Step{started_, file_.IsOpen(), file_dev_, file_ino_, offset_, last_was_cr_};
+}
+
+std::unique_ptr<LogTail> LogTail::Clone(std::string log_prefix) const {
+  auto copy = std::make_unique<LogTail>(std::move(log_prefix));
+  if (file_.IsOpen()) {
+    copy->file_ = FileHandle(::fcntl(file_.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!copy->file_.IsOpen()) return nullptr;
+  }
+  copy->root_ = root_;
+  copy->name_ = name_;
+  copy->path_ = path_;
+  copy->started_ = started_;
+  copy->more_ = more_;
+  copy->read_error_logged_ = read_error_logged_;
+  copy->file_dev_ = file_dev_;
+  copy->file_ino_ = file_ino_;
+  copy->offset_ = offset_;
+  copy->last_was_cr_ = last_was_cr_;
+  return copy;
+}
+
 void LogTail::Stop() {
   started_ = false;
   file_.Reset();

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,6 +41,17 @@ class LogTail final {
     ino_t ino = 0;
     off_t offset = 0;
   };
+  // Everything that decides what the next polls of the same path return: two readers of one path
+  // with equal steps return the same bytes from here on.
+  struct Step {
+    bool started = false;
+    bool open = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t offset = 0;
+    bool after_cr = false;
+    bool operator==(const Step&) const = default;
+  };
   // How Resume found the file.
   enum class Resumed { kContinued, kRotated, kTruncated, kGone };
 
@@ -69,6 +81,10 @@ class LogTail final {
   // File bytes returned so far from the open file (its read position).
   off_t GetOffset() const { return offset_; }
   Position GetPosition() const { return Position{file_dev_, file_ino_, offset_}; }
+  Step GetStep() const;
+  // A second reader of the same path at the same step, logging under log_prefix: it reads the
+  // open file through a descriptor of its own. Null when no descriptor is left.
+  std::unique_ptr<LogTail> Clone(std::string log_prefix) const;
   // Right after Start: moves back to the first of the file's last `lines` whole lines (at most
   // kMaxBacklogLines and kMaxBacklogBytes back), so that the next poll returns them.
   void Backlog(std::size_t lines);

@@ -8,6 +8,7 @@
 
 #include "ProxyPort.h"
 
+class LogFeeds;
 class LoginGuard;
 
 class MonitoringPort final : public ProxyPort {
@@ -50,6 +51,10 @@ class MonitoringPort final : public ProxyPort {
   // session manager before the port opens; null (no brake, time() as clock) otherwise. Not owned.
   LoginGuard* GetLoginGuard() const { return login_guard_; }
   void SetLoginGuard(LoginGuard* guard) { login_guard_ = guard; }
+  // The shared feeds of the followed files (the session manager's; not owned). Without them each
+  // session reads its file on its own.
+  LogFeeds* GetLogFeeds() const { return log_feeds_; }
+  void SetLogFeeds(LogFeeds* feeds) { log_feeds_ = feeds; }
 
   MonitoringPort& operator=(const MonitoringPort& other);
   bool operator==(const MonitoringPort& other) const;
@@ -80,6 +85,7 @@ class MonitoringPort final : public ProxyPort {
   FWString user_;
   FWString password_;
   LoginGuard* login_guard_ = nullptr;
+  LogFeeds* log_feeds_ = nullptr;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGPORT_H_

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
-#include <sstream>
 
 #include "FWFile.h"
 #include "FWProduct.h"
@@ -120,8 +119,9 @@ MonitoringSession::MonitoringSession(int number, MonitoringPort* port)
     : ProxySession(number, port),
       monitoring_port_(port),
       client_frames_(kPreLoginFrameLimit, kPreLoginFrameLimit),
-      server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit),
-      tail_(GetLogPrefix()) {}
+      server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
+
+MonitoringSession::~MonitoringSession() { StopFile(); }
 
 void MonitoringSession::Open(int listening) {
   ClearData();
@@ -193,7 +193,7 @@ void MonitoringSession::ClearData() {
   received_text_.clear();
   transmitting_ = false;
   extended_ = false;
-  tail_.Stop();
+  StopFile();
   log_files_.clear();
   log_files_collected_ = false;
   current_file_.clear();
@@ -208,19 +208,14 @@ void MonitoringSession::CheckActive() {
     return;
   }
   ServeCommands();
-  if (!IsOpen() || !transmitting_ || IsHeldBack()) return;
-  if (extended_) {
-    const std::string data = tail_.Poll();
-    if (!data.empty()) SendFeed(data);
-    return;
-  }
-  for (const std::string& reply : LogTail::SplitReplies(tail_.Poll(), LogTail::kMaxReplyBytes)) {
-    SendReply(reply);
-  }
+  if (!IsOpen() || !transmitting_ || own_tail_ == nullptr || IsHeldBack()) return;
+  const std::string data = own_tail_->Poll();
+  if (!data.empty()) SendData(data, extended_);
+  if (feed_ != nullptr) feed_->Rejoin(this);
 }
 
 bool MonitoringSession::IsBehind() const {
-  return IsOpen() && transmitting_ && tail_.HasMore() && !IsHeldBack();
+  return IsOpen() && transmitting_ && own_tail_ != nullptr && own_tail_->HasMore() && !IsHeldBack();
 }
 
 bool MonitoringSession::ReadyToReceiveIncoming() {
@@ -235,6 +230,10 @@ bool MonitoringSession::IsHeldBack() const {
 
 void MonitoringSession::SendReply(const std::string& text) {
   AppendIncoming(client_frames_.Frame(text));
+}
+
+void MonitoringSession::Deliver(const std::vector<FWSharedBytes>& frames) {
+  for (const FWSharedBytes& frame : frames) AppendIncoming(frame);
 }
 
 void MonitoringSession::SendCommand(const std::string& text) {
@@ -332,7 +331,7 @@ void MonitoringSession::HandleLoggedIn(const std::string& line, const std::strin
                                 GetIncomingAddress().c_str()));
     }
     transmitting_ = false;
-    tail_.Stop();
+    StopFile();
   } else if (lower == "list\r\n") {
     CollectLogfilesOnce();
     HandleList();
@@ -425,7 +424,7 @@ void MonitoringSession::HandleStart(const std::string& line) {
   last_start_time_ = std::time(nullptr);
   const std::string name = Argument(line, "start");
   if (!name.empty()) {
-    BeginFile(name);
+    if (BeginFile(name)) JoinFeed();
     return;
   }
   if (transmitting_) {
@@ -439,13 +438,14 @@ bool MonitoringSession::BeginFile(const std::string& name) {
   current_file_.clear();
   transmitting_ = false;
   extended_ = false;
-  tail_.Stop();
+  StopFile();
   const auto found = std::find(log_files_.begin(), log_files_.end(), name);
   const std::string root = monitoring_port_->GetDocumentRoot();
   // A name not listed is refused like one that leads out of the root. Listed files are opened
   // beneath the root, so a link swapped in since the listing cannot lead out of it either.
   int error = EXDEV;
-  if (found != log_files_.end()) error = tail_.Start(root, *found);
+  auto tail = std::make_unique<LogTail>(GetLogPrefix());
+  if (found != log_files_.end()) error = tail->Start(root, *found);
   if (error == EXDEV) {
     SendReply("-ERR invalid logfile name\r\n");
     Log(FWStringUtils::Printf("refused name %s from %s", Quoted(name).c_str(),
@@ -458,6 +458,8 @@ bool MonitoringSession::BeginFile(const std::string& name) {
   }
   // The slash is added even when DocumentRoot ends in one; clients see this path.
   current_file_ = root + "/" + *found;
+  file_name_ = *found;
+  own_tail_ = std::move(tail);
   transmitting_ = true;
   Log(FWStringUtils::Printf("start %s from %s", Quoted(current_file_).c_str(),
                             GetIncomingAddress().c_str()));
@@ -476,9 +478,10 @@ void MonitoringSession::HandleBacklog(const std::string& line) {
   const std::size_t lines =
       static_cast<std::size_t>(std::min<unsigned long long>(numbers[0], LogTail::kMaxBacklogLines));
   if (!BeginFile(name)) return;
-  tail_.Backlog(lines);
+  own_tail_->Backlog(lines);
   extended_ = true;
-  SendFeed(tail_.Poll());
+  SendData(own_tail_->Poll(), true);
+  JoinFeed();
 }
 
 void MonitoringSession::HandleResume(const std::string& line) {
@@ -495,17 +498,26 @@ void MonitoringSession::HandleResume(const std::string& line) {
   from.offset = static_cast<off_t>(
       std::min<unsigned long long>(numbers[2], std::numeric_limits<off_t>::max()));
   if (!BeginFile(name)) return;
-  const LogTail::Resumed outcome = tail_.Reposition(from);
+  const LogTail::Resumed outcome = own_tail_->Reposition(from);
   extended_ = true;
-  SendFeed(tail_.Poll(), ResumedText(outcome));
+  SendData(own_tail_->Poll(), true, ResumedText(outcome));
+  JoinFeed();
 }
 
-void MonitoringSession::SendFeed(const std::string& data, const std::string& note) {
-  const LogTail::Position at = tail_.GetPosition();
-  std::ostringstream head;
-  head << "+FEED " << at.dev << ' ' << at.ino << ' ' << at.offset << (note.empty() ? "" : " ")
-       << note << kLineEnd;
-  SendReply(head.str() + data);
+void MonitoringSession::JoinFeed() {
+  feeds_ = monitoring_port_->GetLogFeeds();
+  if (feeds_ != nullptr)
+    feed_ = feeds_->Join(monitoring_port_->GetDocumentRoot(), file_name_, this);
+}
+
+void MonitoringSession::StopFile() {
+  if (feed_ != nullptr) feeds_->Leave(feed_, this);
+  feed_ = nullptr;
+  own_tail_.reset();
+}
+
+void MonitoringSession::SendData(const std::string& data, bool positions, const std::string& note) {
+  Deliver(LogFeed::Frame(client_frames_, data, own_tail_->GetPosition(), positions, note));
 }
 
 void MonitoringSession::HandleList() {

@@ -9,10 +9,12 @@
 
 #include <cstddef>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "FWFeedCodec.h"
+#include "LogFeed.h"
 #include "LogTail.h"
 #include "ProxySession.h"
 
@@ -50,7 +52,7 @@ class MonitoringPort;
 // A port with the built-in default password admits logins from loopback only. The log files are
 // collected at the first "list" or "start" after login. Failed logins, refused names, "start",
 // "stop" and the end of the session are logged with the client's address (never a password).
-class MonitoringSession final : public ProxySession {
+class MonitoringSession final : public ProxySession, public LogFeed::Follower {
  public:
   // Server states.
   static constexpr int kAwaitingLogin = 1;
@@ -71,7 +73,8 @@ class MonitoringSession final : public ProxySession {
 
   // The port supplies the settings and is not owned; it must outlive the session.
   MonitoringSession(int number, MonitoringPort* port);
-  ~MonitoringSession() override = default;
+  // Leaves the shared feed of its file, if any.
+  ~MonitoringSession() override;
 
   // Non-zero listening socket: server role (accepts, greets, collects the log files). Zero:
   // client role (connects to the port's outgoing server; a failed connect closes the session).
@@ -80,11 +83,15 @@ class MonitoringSession final : public ProxySession {
   // ProxySession::Close, then empties the texts and frame buffers and ClearData().
   void Close() override;
   // While open: closes a session not logged in within kLoginTimeoutSeconds, takes up commands
-  // held back by back-pressure, then, while transmitting and not held back, polls the log file and
-  // sends its new data as replies of at most LogTail::kMaxReplyBytes (1 MiB) of text each.
+  // held back by back-pressure, then, while transmitting from its own reader and not held back,
+  // polls the log file and sends its new data as replies of at most LogTail::kMaxReplyBytes
+  // (1 MiB) of text each. With the port's shared feeds, a session reads on its own only until it
+  // is in step with the feed of its file (at start, and after it fell behind); the feed's polls
+  // send it the data meanwhile.
   void CheckActive() override;
   std::size_t GetMemoryRequired() const override { return 0; }
-  // The followed file has more data than one poll takes, and the client keeps up.
+  // The session reads on its own, its file has more data than one poll takes, and the client
+  // keeps up.
   bool IsBehind() const override;
   // True while the client socket is open and the replies to it are not held back.
   bool ReadyToReceiveIncoming() override;
@@ -102,6 +109,16 @@ class MonitoringSession final : public ProxySession {
   void SendCommand(const std::string& text);
   // Empties the received text, the log file list and the current file; stops transmitting.
   void ClearData();
+
+  // As a follower of a shared feed.
+  bool IsHeldBack() const override;
+  bool WantsPositions() const override { return extended_; }
+  void Deliver(const std::vector<FWSharedBytes>& frames) override;
+  LogTail* GetOwnTail() override { return own_tail_.get(); }
+  void SetOwnTail(std::unique_ptr<LogTail> tail) override { own_tail_ = std::move(tail); }
+  const std::string& GetLogPrefix() const override { return ProxySession::GetLogPrefix(); }
+  // The shared feed the session follows; null when it follows none.
+  const LogFeed* GetFeed() const { return feed_; }
 
   // Client role: the data lines received so far, each with its "\r\n".
   const std::string& GetReceivedText() const { return received_text_; }
@@ -144,7 +161,6 @@ class MonitoringSession final : public ProxySession {
   // Server role: takes frames and handles their lines until the input runs out, the session
   // ends, or back-pressure holds it back.
   void ServeCommands();
-  bool IsHeldBack() const;
   void HandleCommand(const std::string& line);
   void HandleLoggedIn(const std::string& line, const std::string& lower);
   void HandleLogin(const std::string& line, const std::string& lower);
@@ -157,11 +173,17 @@ class MonitoringSession final : public ProxySession {
   void HandleStart(const std::string& line);
   void HandleBacklog(const std::string& line);
   void HandleResume(const std::string& line);
-  // Stops any transmission, then looks name up and starts following it at its end. Replies as
+  // Stops any transmission, then looks name up and starts reading it from its end. Replies as
   // "start" does; false when refused.
   bool BeginFile(const std::string& name);
-  // Sends data as one message behind its position line (extensions); note ends that line.
-  void SendFeed(const std::string& data, const std::string& note = "");
+  // After BeginFile (and the first message of an extension): follows the port's shared feed of
+  // the file, when the port has shared feeds.
+  void JoinFeed();
+  // Ends the transmission: leaves the shared feed and closes the own reader.
+  void StopFile();
+  // Sends what the own reader read; with positions, as one message behind its position line
+  // (note ends that line), also when data is empty.
+  void SendData(const std::string& data, bool positions, const std::string& note = "");
   void HandleList();
 
   // Client role.
@@ -181,7 +203,14 @@ class MonitoringSession final : public ProxySession {
   // Client role: the same for the server's replies.
   LineBuffer reply_text_;
   std::string current_file_;
-  LogTail tail_;
+  // The followed file under DocumentRoot.
+  std::string file_name_;
+  // The file's reader while the session is not in step with a shared feed (always, without one).
+  std::unique_ptr<LogTail> own_tail_;
+  // The shared feed of the followed file, and the port's feeds it belongs to (which outlive the
+  // session); null when none.
+  LogFeed* feed_ = nullptr;
+  LogFeeds* feeds_ = nullptr;
   std::time_t last_start_time_ = 0;
   int client_state_ = 0;
   int server_state_ = 0;

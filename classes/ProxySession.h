@@ -123,6 +123,7 @@ class ProxySession {
   void SetOpen(bool open) { open_ = open; }
   // Queues bytes to be sent to the client (incoming) or to the server (outgoing).
   void AppendIncoming(std::string data) { incoming_buffer_.Append(std::move(data)); }
+  void AppendIncoming(const FWSharedBytes& data) { incoming_buffer_.Append(data); }
   void AppendOutgoing(std::string data) { outgoing_buffer_.Append(std::move(data)); }
   // Logs one line under the session's log prefix.
   void Log(const std::string& text) const;

@@ -33,9 +33,11 @@ constexpr unsigned kSelectLine = 411;
 // Each pass waits at most this long for readiness (or sleeps it when there are no ports).
 constexpr long kPassTimeoutMicroseconds = 500000;
 constexpr unsigned long kPassTimeoutMs = 500;
-// Each session may hold two descriptors (its socket and the file it follows). Besides the
-// sessions and the listeners the daemon holds the three standard descriptors, the log, the
-// worker thread's connection, one directory being listed and the root opened for a file.
+// Each session may hold two descriptors: its socket and the file it follows. A session in step
+// with the shared feed of its file holds none for the file: the feed holds it once for all of its
+// sessions, and the file watches' descriptor comes out of that saving too. Besides the sessions
+// and the listeners the daemon holds the three standard descriptors, the log, the worker thread's
+// connection, one directory being listed and the root opened for a file.
 constexpr int kDescriptorsPerSession = 2;
 constexpr int kOtherDescriptors = 3 + 1 + 1 + 1 + 1;
 constexpr int kThreadStopTries = 10;
@@ -181,9 +183,11 @@ void SessionManager::InitPorts() {
   if (initialized_) return;
   initialized_ = true;
   login_guard_.SetNow(Now());
+  log_feeds_ = std::make_unique<LogFeeds>();
   for (ProxyPort* port : ports_) {
     if (auto* monitoring = dynamic_cast<MonitoringPort*>(port)) {
       monitoring->SetLoginGuard(&login_guard_);
+      monitoring->SetLogFeeds(log_feeds_.get());
     }
   }
   if (!max_log_file_days_.IsNull()) LogStream.SetMaxDays(max_log_file_days_.Get());
@@ -389,6 +393,7 @@ void SessionManager::Select() {
   if (thread_) ThreadCheck();
   const bool new_second = TickClock();     // per-second work follows the clock
   ServeSessions(sets, ready, new_second);  // a session's exception ends only that session
+  PollFeeds(sets, new_second);             // each followed file read once for all its sessions
   AcceptConnections(sets);                 // starts at the next port in rotation
 }
 
@@ -400,6 +405,10 @@ SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
     Counter.Set(port->GetName() + "_Active", static_cast<uint32_t>(port->GetSessions().size()));
   }
   Counter.Set("InternalSessionManagerIdle", used_numbers_.empty() ? 1 : 0);
+  if (log_feeds_) {
+    sets.Add(log_feeds_->GetEventDescriptor(), POLLIN);
+    if (log_feeds_->IsBusy()) sets.busy = true;
+  }
   return sets;
 }
 
@@ -474,6 +483,17 @@ void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_se
         session->Close();
       }
     }
+  }
+}
+
+// Files with news (an event, or more to read) are read now; on a new second every followed file.
+void SessionManager::PollFeeds(const PassSets& sets, bool new_second) {
+  if (!log_feeds_) return;
+  if (sets.IsReadable(log_feeds_->GetEventDescriptor())) log_feeds_->ReadEvents();
+  try {
+    log_feeds_->PollDue(new_second);
+  } catch (const FWException& e) {
+    LogStream.Log(e.GetText());
   }
 }
 

@@ -20,6 +20,7 @@
 #include "FWObject.h"
 #include "FWPublishSubscribe.h"
 #include "FWType.h"
+#include "LogFeed.h"
 #include "LoginGuard.h"
 
 class FWThread;
@@ -142,6 +143,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
   // True when exactly one port of the list has this port's Name. False for null.
   bool IsPortNameUnique(const ProxyPort* port) const;
 
+  // The shared feeds of the followed files; null before Init.
+  const LogFeeds* GetLogFeeds() const { return log_feeds_.get(); }
   // The login brake and pass clock the monitoring ports' sessions share.
   const LoginGuard& GetLoginGuard() const { return login_guard_; }
   // True while new connections wait because an accept found no descriptor left.
@@ -188,6 +191,7 @@ class SessionManager final : public FWObject, public FWSubscriber {
   int WaitForReadiness(PassSets& sets) const;
   bool TickClock();
   void ServeSessions(const PassSets& sets, int& ready, bool new_second);
+  void PollFeeds(const PassSets& sets, bool new_second);
   void AcceptConnections(const PassSets& sets);
   // Accepts what waits on the port while numbers are free and the port is under its limit;
   // false when accepting must pause (no descriptor left).
@@ -220,6 +224,7 @@ class SessionManager final : public FWObject, public FWSubscriber {
   std::time_t last_second_ = 0;
   std::function<std::time_t()> clock_;
   LoginGuard login_guard_;
+  std::unique_ptr<LogFeeds> log_feeds_;
   std::time_t accept_paused_until_ = 0;
   bool accept_shortage_logged_ = false;
   std::unique_ptr<FWThread> thread_;

@@ -14,13 +14,17 @@ constexpr std::size_t kMaxPieces = 64;
 }  // namespace
 
 void FWSendQueue::Append(std::string data) {
-  if (data.empty()) return;
+  if (!data.empty()) Append(FWSharedBytes(std::move(data)));
+}
+
+void FWSendQueue::Append(const FWSharedBytes& data) {
+  if (data.size() == 0) return;
   size_ += data.size();
-  messages_.push_back(std::move(data));
+  messages_.push_back(data);
 }
 
 void FWSendQueue::Clear() {
-  std::deque<std::string>().swap(messages_);
+  std::deque<FWSharedBytes>().swap(messages_);
   front_sent_ = 0;
   size_ = 0;
 }
@@ -29,7 +33,8 @@ std::string FWSendQueue::Text() const {
   std::string text;
   text.reserve(size_);
   for (std::size_t i = 0; i < messages_.size(); ++i) {
-    text.append(messages_[i], i == 0 ? front_sent_ : 0, std::string::npos);
+    const std::size_t skip = i == 0 ? front_sent_ : 0;
+    text.append(messages_[i].data() + skip, messages_[i].size() - skip);
   }
   return text;
 }
@@ -41,7 +46,7 @@ long FWSendQueue::Send(int socket, std::size_t max) {
     std::size_t count = 0;
     std::size_t wanted = 0;
     for (; count < kMaxPieces && count < messages_.size() && wanted < max - total; ++count) {
-      const std::string& message = messages_[count];
+      const FWSharedBytes& message = messages_[count];
       const std::size_t skip = count == 0 ? front_sent_ : 0;
       const std::size_t length = std::min(message.size() - skip, max - total - wanted);
       pieces[count].iov_base = const_cast<char*>(message.data() + skip);

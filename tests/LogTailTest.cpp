@@ -12,7 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include "FWFeedCodec.h"
 #include "FWLogStream.h"
+#include "LogFeed.h"
 #include "TestUtil.h"
 
 namespace {
@@ -332,6 +334,79 @@ TEST_F(LogTailTest, RepositionOnAMissingFileSaysGoneAndSendsItWholeWhenItAppears
   EXPECT_EQ("", tail_.Poll());
   testutil::WriteFile(path_, "back\n");
   EXPECT_EQ("back\r\n", tail_.Poll());
+}
+
+// A follower as a session is one: it reads on its own while it has a reader, and decodes what the
+// feed delivers.
+class TestFollower final : public LogFeed::Follower {
+ public:
+  bool IsHeldBack() const override { return held_back; }
+  bool WantsPositions() const override { return false; }
+  void Deliver(const std::vector<FWSharedBytes>& frames) override {
+    for (const FWSharedBytes& frame : frames) codec_.Append({frame.data(), frame.size()});
+    for (std::string message; codec_.Next(&message) == FWFeedCodec::Result::kMessage;) {
+      delivered += message;
+    }
+  }
+  LogTail* GetOwnTail() override { return own.get(); }
+  void SetOwnTail(std::unique_ptr<LogTail> tail) override { own = std::move(tail); }
+  const std::string& GetLogPrefix() const override { return prefix_; }
+  // What its own reader returns now.
+  std::string ReadAlone() { return own != nullptr ? own->Poll() : "<in step>"; }
+
+  bool held_back = false;
+  std::unique_ptr<LogTail> own;
+  std::string delivered;
+
+ private:
+  FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
+  const std::string prefix_ = "Session 2: ";
+};
+
+TEST_F(LogTailTest, FeedFollowersTakeSharedDataOnlyInStepAndCatchUpAloneWhenHeldBack) {
+  testutil::WriteFile(path_, "old\n");
+  LogFeed feed(temp_.Path(), "app.log");
+  ASSERT_EQ(feed.Start(), 0);
+  TestFollower a;
+  TestFollower b;
+  b.own = std::make_unique<LogTail>("Session 2: ");
+  ASSERT_EQ(b.own->Start(temp_.Path(), "app.log"), 0);
+  feed.Join(&a);
+  feed.Join(&b);  // at the same end: in step at once
+  EXPECT_EQ(b.own, nullptr);
+
+  Append("x\n");
+  feed.Poll();
+  b.held_back = true;
+  Append("y\n");
+  feed.Poll();  // b falls out of step before the poll: y is left for its own reader
+  ASSERT_NE(b.own, nullptr);
+  b.held_back = false;
+  Append("z\n");
+  feed.Poll();  // b is behind the feed: it neither takes z nor joins
+  EXPECT_NE(b.own, nullptr);
+  EXPECT_EQ(b.ReadAlone(), "y\r\nz\r\n");
+  feed.Rejoin(&b);
+  EXPECT_EQ(b.own, nullptr);
+  Append("w\n");
+  feed.Poll();
+  EXPECT_EQ(a.delivered, "x\r\ny\r\nz\r\nw\r\n");
+  EXPECT_EQ(b.delivered, "x\r\nw\r\n");
+
+  // A follower that read ahead of the feed joins once the feed stands where it stands.
+  TestFollower c;
+  c.own = std::make_unique<LogTail>("Session 3: ");
+  ASSERT_EQ(c.own->Start(path_), 0);
+  Append("v\n");
+  EXPECT_EQ(c.ReadAlone(), "v\r\n");
+  feed.Join(&c);
+  EXPECT_EQ(c.own, nullptr);
+  EXPECT_EQ(c.delivered, "");
+  EXPECT_EQ(a.delivered, "x\r\ny\r\nz\r\nw\r\nv\r\n");
+  feed.Leave(&a);
+  feed.Leave(&b);
+  feed.Leave(&c);
+  EXPECT_TRUE(feed.IsEmpty());
 }
 
 }  // namespace

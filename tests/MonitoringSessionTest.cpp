@@ -193,6 +193,7 @@ class MonitoringSessionTest : public ::testing::Test {
   }
   void TearDown() override {
     client_.reset();
+    others_.clear();
     manager_.Exit();
     LogStream.SetBufferLimit(0);
     LogStream.ClearLogBuffer();
@@ -205,6 +206,7 @@ class MonitoringSessionTest : public ::testing::Test {
   void Pass() {
     manager_.Select();
     if (extra_pass_) extra_pass_();
+    for (const auto& other : others_) other->Flush(), other->Read();
     if (!client_) return;
     client_->Flush();
     client_->Read();
@@ -247,11 +249,28 @@ class MonitoringSessionTest : public ::testing::Test {
     EXPECT_TRUE(PumpUntil([&] { return client_->IsClosed(); }));
     EXPECT_FALSE(client_->HasMessage()) << *client_->TakeMessage();
   }
-  // Collects tail data until `size` bytes of text have arrived.
-  std::string ReceiveData(std::size_t size, std::size_t* largest = nullptr) {
+  // A further client that logs in and starts a.log; the passes serve it as the first.
+  FeedClient& StartAnother() {
+    others_.push_back(std::make_unique<FeedClient>(port_->GetIncomingPort(), 0));
+    FeedClient& other = *others_.back();
+    other.Write(codec_.Frame("user logwatcher\r\n") + codec_.Frame("pass " + kPassword + "\r\n") +
+                codec_.Frame("start a.log\r\n"));
+    const std::string started = "+OK start transmitting " + root_.Path() + "/a.log\r\n";
+    bool seen = false;
+    EXPECT_TRUE(PumpUntil([&] {
+      while (auto message = other.TakeMessage()) seen = seen || *message == started;
+      return seen;
+    }));
+    return other;
+  }
+  // Collects tail data until `size` bytes of text have arrived (from the first client unless
+  // another is given).
+  std::string ReceiveData(std::size_t size, std::size_t* largest = nullptr,
+                          FeedClient* from = nullptr) {
+    FeedClient& client = from != nullptr ? *from : *client_;
     std::string data;
     PumpUntil([&] {
-      while (auto message = client_->TakeMessage()) {
+      while (auto message = client.TakeMessage()) {
         if (largest != nullptr) *largest = std::max(*largest, message->size());
         data += *message;
       }
@@ -306,6 +325,7 @@ class MonitoringSessionTest : public ::testing::Test {
   SessionManager manager_;
   MonitoringPort* port_ = nullptr;  // owned by manager_
   std::unique_ptr<FeedClient> client_;
+  std::vector<std::unique_ptr<FeedClient>> others_;
   FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
   std::time_t now_ = 1000000;
   bool ticking_ = true;
@@ -774,6 +794,71 @@ TEST_F(MonitoringSessionTest, ClientThatDoesNotReadCostsBoundedMemoryAndLosesNot
   const std::string data = ReceiveData(expected.size());
   EXPECT_EQ(data.size(), expected.size());
   EXPECT_TRUE(data == expected) << "the data differs from the appended lines";
+}
+
+TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyItsOwnSuffix) {
+  Connect();
+  StartA();
+  const std::string a = root_.File("a.log");
+  testutil::WriteFile(a, "one\n", true);
+  FeedClient& second = StartAnother();
+  testutil::WriteFile(a, "two\n", true);
+  // Rotated: the rest of the old file comes first, then the new one whole.
+  ASSERT_EQ(::rename(a.c_str(), root_.File("a.log.1").c_str()), 0);
+  testutil::WriteFile(root_.File("a.log.1"), "three\n", true);
+  testutil::WriteFile(a, "four\n");
+  FeedClient& third = StartAnother();
+  testutil::WriteFile(a, "five\n", true);
+  Pump(2);
+  testutil::WriteFile(a, "six\n");  // truncated and rewritten, shorter than before
+  const Lines expected = {"one\r\ntwo\r\nthree\r\nfour\r\nfive\r\nsix\r\n",
+                          "two\r\nthree\r\nfour\r\nfive\r\nsix\r\n", "five\r\nsix\r\n"};
+  const std::vector<FeedClient*> clients = {client_.get(), &second, &third};
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    EXPECT_EQ(ReceiveData(expected[i].size(), nullptr, clients[i]), expected[i]) << "client " << i;
+  }
+  Pump(3);
+  for (FeedClient* client : clients) EXPECT_FALSE(client->HasMessage()) << "data sent twice";
+  ASSERT_EQ(manager_.GetLogFeeds()->size(), 1u);
+  for (ProxySession* session : port_->GetSessions()) {
+    const auto& follower = dynamic_cast<MonitoringSession&>(*session);
+    EXPECT_NE(follower.GetFeed(), nullptr);
+    EXPECT_EQ(follower.GetFeed(), Session().GetFeed());
+  }
+}
+
+TEST_F(MonitoringSessionTest, AStalledSessionHoldsBackNoOtherAndCatchesUpAloneWithEveryByte) {
+  Connect(64 * 1024);
+  StartA();
+  FeedClient& fast = StartAnother();
+  std::mt19937 random(11);
+  std::string lines;
+  while (lines.size() < 16 * kMiB) {
+    for (int i = 0; i < 99; ++i) lines += static_cast<char>('!' + random() % 94);
+    lines += '\n';
+  }
+  client_->SetReading(false);
+  testutil::WriteFile(root_.File("a.log"), lines, true);
+  const std::string expected = Dos(lines);
+  std::string fast_data;
+  std::size_t largest_unsent = 0;
+  PumpUntil([&] {
+    largest_unsent = std::max(largest_unsent, Session().GetIncomingBuffer().size());
+    while (auto message = fast.TakeMessage()) fast_data += *message;
+    return fast_data.size() >= expected.size();
+  });
+  EXPECT_TRUE(fast_data == expected) << "the fast client's data differs";
+  EXPECT_LE(largest_unsent, (8 + 4) * kMiB) << "the stalled session held more than its bound";
+  EXPECT_NE(Session().GetOwnTail(), nullptr) << "the stalled session did not read on its own";
+  client_->SetReading(true);
+  const std::string data = ReceiveData(expected.size());
+  EXPECT_EQ(data.size(), expected.size());
+  EXPECT_TRUE(data == expected) << "the stalled client's data differs";
+  // Caught up, it takes the shared frames again.
+  EXPECT_TRUE(PumpUntil([&] { return Session().GetOwnTail() == nullptr; }));
+  testutil::WriteFile(root_.File("a.log"), "after\n", true);
+  EXPECT_EQ(ReceiveData(7), "after\r\n");
+  EXPECT_EQ(ReceiveData(7, nullptr, &fast), "after\r\n");
 }
 
 TEST_F(MonitoringSessionTest, CommandsWaitWhileRepliesToAClientThatDoesNotReadPileUp) {
