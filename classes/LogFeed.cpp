@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <sstream>
 #include <utility>
 
@@ -25,6 +26,12 @@ std::string DirectoryOf(const std::string& path) {
 }
 
 std::string BaseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+long long NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 }  // namespace
 
@@ -49,7 +56,7 @@ void LogFeed::Leave(Follower* follower) {
 }
 
 // Frames are made only for the kinds some follower takes, once each.
-void LogFeed::Poll() {
+void LogFeed::Poll(bool check_path) {
   for (Follower* follower : followers_) {
     if (follower->GetOwnTail() != nullptr || !follower->IsHeldBack()) continue;
     // Without a descriptor for its own reader the follower keeps taking frames past its bound:
@@ -58,7 +65,7 @@ void LogFeed::Poll() {
     if (own != nullptr) follower->SetOwnTail(std::move(own));
   }
   const LogTail::Step before = tail_.GetStep();
-  const std::string data = tail_.Poll();
+  const std::string data = tail_.Poll(check_path);
   const LogTail::Step after = tail_.GetStep();
   std::vector<FWSharedBytes> replies;
   std::vector<FWSharedBytes> positioned;
@@ -188,7 +195,7 @@ void LogFeeds::ReadEvents() {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
       if ((event->mask & IN_Q_OVERFLOW) != 0) {
-        for (auto& entry : feeds_) entry.second->due_ = true;
+        for (auto& entry : feeds_) entry.second->due_ = entry.second->path_changed_ = true;
         continue;
       }
       const auto found = watches_.find(event->wd);
@@ -196,6 +203,7 @@ void LogFeeds::ReadEvents() {
       for (const Interest& interest : found->second) {
         if (interest.name.empty() || (event->len > 0 && interest.name == event->name)) {
           interest.feed->due_ = true;
+          if ((event->mask & IN_MODIFY) == 0) interest.feed->path_changed_ = true;
         }
       }
       // The kernel dropped the watch (its file is gone): the next poll watches the path anew.
@@ -210,14 +218,28 @@ void LogFeeds::ReadEvents() {
   }
 }
 
+int LogFeeds::GetWaitBound() const {
+  const long long now = NowMs();
+  if (events_ < 0 || now >= next_round_) return -1;
+  return static_cast<int>(next_round_ - now);
+}
+
+// A feed that only grew is read on without a stat of its path: the watches report any change of
+// what the path names. The once-a-second poll checks the path always.
 void LogFeeds::PollDue(bool new_second) {
+  const bool round = NowMs() >= next_round_;
+  int polled = 0;
   for (auto& entry : feeds_) {
     LogFeed& feed = *entry.second;
-    if (!new_second && !feed.due_ && !feed.WantsMore()) continue;
-    feed.due_ = false;
-    feed.Poll();
+    const bool event = round && feed.due_;
+    if (!new_second && !event && !feed.WantsMore()) continue;
+    polled += event ? 1 : 0;
+    const bool check_path = new_second || feed.path_changed_ || events_ < 0;
+    if (event) feed.due_ = feed.path_changed_ = false;
+    feed.Poll(check_path);
     Watch(feed);
   }
+  if (polled > 0) next_round_ = NowMs() + std::min(polled, kMaxRoundGap);
 }
 
 bool LogFeeds::IsBusy() const {

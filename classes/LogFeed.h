@@ -60,8 +60,8 @@ class LogFeed final {
   bool IsEmpty() const { return followers_.empty(); }
   // Polls the file once: followers in step get the frames; a follower held back first gets a
   // reader of its own; one with its own reader that stands where the feed stood or stands now
-  // joins the feed.
-  void Poll();
+  // joins the feed. Without check_path the path is taken as unchanged (see LogTail::Poll).
+  void Poll(bool check_path = true);
   // After the follower polled its own reader: joins the feed when the two readers are in step.
   void Rejoin(Follower* follower);
   // The file has more unread data than one poll takes, and a follower in step takes it.
@@ -91,6 +91,8 @@ class LogFeed final {
   int directory_watch_ = -1;
   LogTail::Step watched_;
   bool due_ = false;
+  // An event may have changed what the path names (not only appended to the open file).
+  bool path_changed_ = false;
 };
 
 // Every feed of the daemon, by path, and the inotify instance that wakes them.
@@ -111,12 +113,21 @@ class LogFeeds final {
 
   // The inotify descriptor to poll for reading; 0 when there is none.
   int GetEventDescriptor() const { return events_ > 0 ? events_ : 0; }
+  // While the events wait for their next round (see PollDue) and their descriptor is not to be
+  // polled: how long a pass may wait at most, in milliseconds. -1 when they are taken now.
+  int GetWaitBound() const;
   // Reads the waiting events and marks the feeds they concern as due.
   void ReadEvents();
-  // Polls every feed that is due, wants more, or, on a new second, all of them.
+  // Polls every feed that wants more and, on a new second, every feed. Feeds with events are
+  // polled in rounds: a round that polled N of them is followed by the next no sooner than N ms
+  // later (at most kMaxRoundGap). A file alone is read within a millisecond of its event; with
+  // many busy files each read takes what several writes appended, so that the daemon's cost per
+  // byte stays near that of compressing and enciphering it.
   void PollDue(bool new_second);
   // A feed wants more: the pass must not wait.
   bool IsBusy() const;
+
+  static constexpr int kMaxRoundGap = 100;
   std::size_t size() const { return feeds_.size(); }
 
  private:
@@ -132,6 +143,8 @@ class LogFeeds final {
 
   std::map<std::string, std::unique_ptr<LogFeed>> feeds_;
   int events_ = -1;
+  // The earliest time of the next round of events (steady clock, milliseconds).
+  long long next_round_ = 0;
   std::unordered_map<int, std::vector<Interest>> watches_;
 };
 

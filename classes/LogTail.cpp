@@ -173,8 +173,14 @@ off_t LogTail::BacklogStart(std::size_t lines) {
   return first == std::string::npos ? end : begin + static_cast<off_t>(first + 1);
 }
 
-std::string LogTail::Poll() {
+std::string LogTail::Poll(bool check_path) {
   if (!started_) return "";
+  std::string raw;
+  if (!check_path && file_.IsOpen()) {
+    ReadSameFile(kMaxPollBytes, raw);
+    more_ = raw.size() == kMaxPollBytes;
+    return ToDos(raw);
+  }
   struct stat st;
   const bool path_exists = ::stat(path_.c_str(), &st) == 0;
   if (!path_exists) {
@@ -182,7 +188,6 @@ std::string LogTail::Poll() {
     Log(FWStringUtils::Printf("can't stat file: %s (%s)", path_.c_str(),
                               GetErrorMessage(error).c_str()));
   }
-  std::string raw;
   ReadNew(path_exists, st, raw);
   // A poll that used its whole budget probably left data behind.
   more_ = raw.size() == kMaxPollBytes;

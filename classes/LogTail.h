@@ -71,8 +71,9 @@ class LogTail final {
   // Ends the transmission and closes the file.
   void Stop();
   // One poll; "" when stopped or nothing is new. Line ends: a "\n" not preceded by "\r" becomes
-  // "\r\n", also when the "\r" ended the data of an earlier poll.
-  std::string Poll();
+  // "\r\n", also when the "\r" ended the data of an earlier poll. Without check_path the path
+  // is not stat'ed: the open file is read on (for a caller that knows the path is unchanged).
+  std::string Poll(bool check_path = true);
 
   bool IsStarted() const { return started_; }
   // The last poll read its whole budget: more data is probably waiting.

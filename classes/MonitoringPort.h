@@ -64,7 +64,8 @@ class MonitoringPort final : public ProxyPort {
   // that the base constructor set.
   void Initialize();
 
-  // Kept with the configuration; the session polls once a second whatever it says.
+  // Kept with the configuration; followed files are watched, and polled once a second, whatever
+  // it says.
   FWVariable<int> GetMonitoringInterval() const { return monitoring_interval_; }
   void SetMonitoringInterval(const FWVariable<int>& value) { monitoring_interval_ = value; }
   // Directory under which log files are looked for, recursively.

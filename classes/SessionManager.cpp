@@ -406,7 +406,8 @@ SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
   }
   Counter.Set("InternalSessionManagerIdle", used_numbers_.empty() ? 1 : 0);
   if (log_feeds_) {
-    sets.Add(log_feeds_->GetEventDescriptor(), POLLIN);
+    sets.events_held = log_feeds_->GetWaitBound();
+    if (sets.events_held < 0) sets.Add(log_feeds_->GetEventDescriptor(), POLLIN);
     if (log_feeds_->IsBusy()) sets.busy = true;
   }
   return sets;
@@ -449,7 +450,8 @@ int SessionManager::WaitForReadiness(PassSets& sets) const {
     FWThread::Sleep(kPassTimeoutMs);
     return 0;
   }
-  const int timeout = sets.busy ? 0 : static_cast<int>(kPassTimeoutMs);
+  int timeout = sets.busy ? 0 : static_cast<int>(kPassTimeoutMs);
+  if (sets.events_held >= 0) timeout = std::min(timeout, sets.events_held);
   const int result = ::poll(sets.entries.data(), sets.entries.size(), timeout);
   if (result >= 0) return sets.CountReady();
   if (errno != EINTR) {

@@ -173,6 +173,9 @@ class SessionManager final : public FWObject, public FWSubscriber {
     std::vector<int> slot_of;  // by descriptor: its index in entries, or -1
     // A session is behind its file: the pass must not wait.
     bool busy = false;
+    // The file events wait for their next round (their descriptor is not polled): the pass waits
+    // at most this many milliseconds; -1 when they are polled.
+    int events_held = -1;
 
    private:
     short Revents(int fd, short wanted) const;

@@ -27,7 +27,7 @@ Commands
   tail    Follow files and write what is appended to them to standard output, byte for byte
           (on a terminal control characters are shown escaped; see --raw), with each "\r\n"
           line end written as "\n". Only what is appended after the start is
-          sent (see -n); the daemon looks for new data once a second. Runs until Ctrl-C or
+          sent (see -n); the daemon sends new data as it is written. Runs until Ctrl-C or
           SIGTERM, or until a connection fails (see -F).
           With more than one FILE every line is prefixed with its source, "HOST:PORT/FILE: ",
           and lines of different sources never mix; the unfinished last line of a source is
