@@ -21,7 +21,7 @@
 
 // No "..", no absolute link and no link whose target lies outside root (EXDEV).
 int LogTail::OpenBeneath(const std::string& root, const std::string& name, int flags, int& error) {
-  const FileHandle directory(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const FWDescriptor directory(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory.IsOpen()) {
     error = errno;
     return -1;
@@ -37,7 +37,7 @@ int LogTail::OpenBeneath(const std::string& root, const std::string& name, int f
 
 // For kernels without openat2: every link is refused (ELOOP), which is stricter but as safe.
 int LogTail::OpenWithoutLinks(int directory, const std::string& name, int flags, int& error) {
-  FileHandle current(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
+  FWDescriptor current(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
   std::size_t start = 0;
   for (std::size_t slash; current.IsOpen() && (slash = name.find('/', start)) != std::string::npos;
        start = slash + 1) {
@@ -46,7 +46,7 @@ int LogTail::OpenWithoutLinks(int directory, const std::string& name, int flags,
       error = EXDEV;
       return -1;
     }
-    current = FileHandle(
+    current = FWDescriptor(
         ::openat(current.Get(), part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   }
   const std::string last = name.substr(start);
@@ -57,23 +57,6 @@ int LogTail::OpenWithoutLinks(int directory, const std::string& name, int flags,
   const int fd = ::openat(current.Get(), last.c_str(), flags | O_NOFOLLOW);
   if (fd < 0) error = errno;
   return fd;
-}
-
-LogTail::FileHandle& LogTail::FileHandle::operator=(FileHandle&& other) noexcept {
-  if (this != &other) {
-    Reset();
-    fd_ = other.Release();
-  }
-  return *this;
-}
-
-int LogTail::FileHandle::Release() { return std::exchange(fd_, -1); }
-
-void LogTail::FileHandle::Reset() {
-  if (fd_ < 0) return;
-  // The file was only read: a failing close leaves nothing to undo.
-  (void)::close(fd_);
-  fd_ = -1;
 }
 
 LogTail::LogTail(std::string log_prefix) : log_prefix_(std::move(log_prefix)) {}
@@ -127,7 +110,7 @@ LogTail::Step LogTail::GetStep() const {
 std::unique_ptr<LogTail> LogTail::Clone(std::string log_prefix) const {
   auto copy = std::make_unique<LogTail>(std::move(log_prefix));
   if (file_.IsOpen()) {
-    copy->file_ = FileHandle(::fcntl(file_.Get(), F_DUPFD_CLOEXEC, 0));
+    copy->file_ = FWDescriptor(::fcntl(file_.Get(), F_DUPFD_CLOEXEC, 0));
     if (!copy->file_.IsOpen()) return nullptr;
   }
   copy->root_ = root_;
@@ -256,7 +239,7 @@ int LogTail::OpenCurrent() {
   int error = 0;
   const int fd = OpenBeneath(root_, name_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, error);
   if (fd < 0) return error == ENOENT ? error : LogReadError(error);
-  FileHandle file(fd);
+  FWDescriptor file(fd);
   struct stat st;
   if (::fstat(fd, &st) != 0) return LogReadError(errno);
   if (S_ISDIR(st.st_mode)) return LogReadError(EISDIR);

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "FWDescriptor.h"
+
 // Every byte of the file is returned exactly once, in order. The file stays open between polls;
 // each poll stat's the path to notice rotation:
 // - the path names another file (renamed away and created anew): the rest of the old file is
@@ -102,26 +104,6 @@ class LogTail final {
   static std::vector<std::string> SplitReplies(const std::string& data, std::size_t max);
 
  private:
-  // Owns one open descriptor: move-only, a move leaves the source at -1, closed once.
-  class FileHandle final {
-   public:
-    FileHandle() = default;
-    explicit FileHandle(int fd) : fd_(fd) {}
-    ~FileHandle() { Reset(); }
-    FileHandle(FileHandle&& other) noexcept : fd_(other.Release()) {}
-    FileHandle& operator=(FileHandle&& other) noexcept;
-    FileHandle(const FileHandle&) = delete;
-    FileHandle& operator=(const FileHandle&) = delete;
-
-    int Get() const { return fd_; }
-    bool IsOpen() const { return fd_ >= 0; }
-    int Release();
-    void Reset();
-
-   private:
-    int fd_ = -1;
-  };
-
   // Opens name beneath root without leaving it; -1 with error set on failure.
   static int OpenBeneath(const std::string& root, const std::string& name, int flags, int& error);
   static int OpenWithoutLinks(int directory, const std::string& name, int flags, int& error);
@@ -152,7 +134,7 @@ class LogTail final {
   bool more_ = false;
   // A read failure was logged; the same failure is not logged again at every poll.
   bool read_error_logged_ = false;
-  FileHandle file_;
+  FWDescriptor file_;
   dev_t file_dev_ = 0;
   ino_t file_ino_ = 0;
   off_t offset_ = 0;

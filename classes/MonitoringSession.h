@@ -1,9 +1,10 @@
 // One connection of the log feed. In the server role (opened on a listening socket) it greets the
 // client, lets it log in with the port's User and Password, lists the log files found under the
 // port's DocumentRoot, and after "start" sends what is appended to the chosen file as it is
-// written (see LogFeed: the file is watched, and polled once a second). In the client role (opened without a socket) it connects to the port's
-// OutgoingServer:OutgoingPort, sends commands with SendCommand and collects the data lines of the
-// other end's feed. Every message in either direction is one frame of the feed codec.
+// written (see LogFeed: the file is watched, and polled once a second). In the client role (opened
+// without a socket) it connects to the port's OutgoingServer:OutgoingPort, sends commands with
+// SendCommand and collects the data lines of the other end's feed. Every message in either
+// direction is one frame of the feed codec.
 #ifndef NORVANE_CLASSES_MONITORINGSESSION_H_
 #define NORVANE_CLASSES_MONITORINGSESSION_H_
 

@@ -70,12 +70,13 @@ void ProxyPort::Open() {
     const FWSocketManager& sockets = FWSocketManager::GetInstance();
     sockaddr_in address{};
     sockets.AddressCreate(address, incoming_server_, incoming_port_, "tcp");
-    listening_socket_ = sockets.CreateSocket("tcp");
+    listening_socket_.Reset(sockets.CreateSocket("tcp"));
     // Non-blocking, so that an accept whose connection has gone meanwhile cannot hold the loop.
-    sockets.SetBlocking(listening_socket_, false);
-    sockets.Bind(listening_socket_, address);
-    sockets.Listen(listening_socket_, static_cast<unsigned>(std::max(
-                                          incoming_connection_count_.Get(), kMinimumBacklog)));
+    sockets.SetBlocking(listening_socket_.Get(), false);
+    sockets.Bind(listening_socket_.Get(), address);
+    sockets.Listen(
+        listening_socket_.Get(),
+        static_cast<unsigned>(std::max(incoming_connection_count_.Get(), kMinimumBacklog)));
     LogStream.Log(FWProduct::GetDisplayName() + " listening on " + GetAddressText());
   } catch (...) {
     Close();
@@ -89,7 +90,7 @@ ProxySession* ProxyPort::SessionOpen(int number) {
   ProxySession* session = SessionCreate(number);
   sessions_.push_back(session);
   try {
-    session->Open(listening_socket_);
+    session->Open(GetListeningSocket());
   } catch (const FWException& e) {
     LogStream.Log(e.GetText() + " - closing session", session->GetLogPrefix());
     session->Close();
@@ -102,9 +103,7 @@ ProxySession* ProxyPort::SessionOpen(int number) {
 void ProxyPort::ReleaseRunTimeState() {
   for (ProxySession* session : sessions_) delete session;
   sessions_.clear();
-  if (listening_socket_ == 0) return;
-  FWSocketManager::GetInstance().CloseSocket(listening_socket_);
-  listening_socket_ = 0;
+  listening_socket_.Reset();
 }
 
 ProxyPort& ProxyPort::operator=(const ProxyPort& other) {
@@ -149,5 +148,5 @@ void ProxyPort::Initialize() {
   outgoing_port_.Clear();
   outgoing_server_.Clear();
   outgoing_timeout_.Clear();
-  listening_socket_ = 0;
+  listening_socket_.Reset();
 }

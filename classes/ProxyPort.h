@@ -11,6 +11,7 @@
 
 #include <list>
 
+#include "FWDescriptor.h"
 #include "FWObject.h"
 #include "FWType.h"
 
@@ -72,7 +73,9 @@ class ProxyPort : public FWObject {
   // For the session manager, which reaps closed sessions: it deletes what it removes.
   SessionList& GetSessions() { return sessions_; }
   // The listening socket; 0 while the port is closed.
-  int GetListeningSocket() const { return listening_socket_; }
+  int GetListeningSocket() const {
+    return listening_socket_.IsOpen() ? listening_socket_.Get() : 0;
+  }
   // IncomingServer:IncomingPort as the log names it ("<all interfaces>:9080" for an empty server).
   std::string GetAddressText() const;
 
@@ -128,7 +131,7 @@ class ProxyPort : public FWObject {
   FWString outgoing_server_;
   FWVariable<int> outgoing_timeout_;
 
-  int listening_socket_ = 0;
+  FWDescriptor listening_socket_;
   SessionList sessions_;
 };
 

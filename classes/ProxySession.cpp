@@ -28,7 +28,7 @@ ProxySession::ProxySession(int number, ProxyPort* port)
       number_(static_cast<unsigned int>(number)),
       port_(port) {}
 
-ProxySession::~ProxySession() { CloseSockets(); }
+ProxySession::~ProxySession() = default;
 
 void ProxySession::Close() {
   if (!open_) return;
@@ -47,11 +47,11 @@ void ProxySession::OpenIncoming(int listening) {
   incoming_closed_ = false;
   const int fd = FWSocketManager::GetInstance().AcceptNonBlocking(listening, accept_error_);
   if (fd < 0) return;
-  incoming_socket_ = fd;
+  incoming_socket_.Reset(fd);
   start_time_ = std::time(nullptr);
   accept_date_ = FWMIMEParser::MIMETime(start_time_);
-  GetPeerInfo(incoming_socket_, incoming_host_, incoming_address_);
-  GetSockInfo(incoming_socket_, local_host_, local_address_);
+  GetPeerInfo(fd, incoming_host_, incoming_address_);
+  GetSockInfo(fd, local_host_, local_address_);
   if (!IsConnectionLogging()) return;
   const std::string port_text = port_ != nullptr ? port_->GetIncomingPort() : std::string();
   Log(FWStringUtils::Printf("connection from %s accepted on %s:%s", incoming_address_.c_str(),
@@ -61,20 +61,18 @@ void ProxySession::OpenIncoming(int listening) {
 void ProxySession::OpenOutgoing(const std::string& server, const std::string& port) {
   const FWSocketManager& sockets = FWSocketManager::GetInstance();
   outgoing_closed_ = false;
-  if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
-  outgoing_socket_ = 0;
+  outgoing_socket_.Reset();
   try {
     sockaddr_in address{};
     sockets.AddressCreate(address, server, port, "tcp");
-    outgoing_socket_ = sockets.CreateSocket("tcp");
-    sockets.SetBlocking(outgoing_socket_, true);
-    sockets.Connect(outgoing_socket_, address);
-    GetPeerInfo(outgoing_socket_, outgoing_host_, outgoing_address_);
+    outgoing_socket_.Reset(sockets.CreateSocket("tcp"));
+    sockets.SetBlocking(outgoing_socket_.Get(), true);
+    sockets.Connect(outgoing_socket_.Get(), address);
+    GetPeerInfo(outgoing_socket_.Get(), outgoing_host_, outgoing_address_);
   } catch (const FWESocketError& error) {
     Log(FWStringUtils::Printf("Connect to %s:%s failed: ", server.c_str(), port.c_str()) +
         error.GetText());
-    if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
-    outgoing_socket_ = 0;
+    outgoing_socket_.Reset();
   }
   outgoing_activity_ = std::time(nullptr);
 }
@@ -133,12 +131,12 @@ ProxySession::Side ProxySession::ServerSide() {
 // A read of 0 bytes without try-again is the peer's end of stream. A session that is finished and
 // has sent everything to that peer ends quietly through CheckFinished; any other ends here.
 int ProxySession::Receive(const Side& side) {
-  if (*side.socket == 0) return 0;
+  if (!side.socket->IsOpen()) return 0;
   std::string data;
   bool try_again = false;
   int count = 0;
   try {
-    count = FWSocketManager::GetInstance().Recv(*side.socket, data, try_again);
+    count = FWSocketManager::GetInstance().Recv(side.socket->Get(), data, try_again);
   } catch (const FWESocketError& error) {
     Log(side.receive_text + error.GetText());
     Close();
@@ -164,8 +162,8 @@ int ProxySession::Receive(const Side& side) {
 // Writes until the socket would block, at most kSendPerPass bytes, so that one fast peer with a
 // long queue cannot hold the loop from the others.
 int ProxySession::Send(const Side& side) {
-  if (*side.socket == 0 || side.buffer->empty()) return 0;
-  const long count = side.buffer->Send(*side.socket, kSendPerPass);
+  if (!side.socket->IsOpen() || side.buffer->empty()) return 0;
+  const long count = side.buffer->Send(side.socket->Get(), kSendPerPass);
   if (count < 0) {
     Log(side.send_text + FWMSocketError("send", GetErrorMessage(errno)).GetText());
     Close();
@@ -182,9 +180,6 @@ bool ProxySession::IsConnectionLogging() {
 }
 
 void ProxySession::CloseSockets() {
-  const FWSocketManager& sockets = FWSocketManager::GetInstance();
-  if (incoming_socket_ != 0) sockets.CloseSocket(incoming_socket_);
-  incoming_socket_ = 0;
-  if (outgoing_socket_ != 0) sockets.CloseSocket(outgoing_socket_);
-  outgoing_socket_ = 0;
+  incoming_socket_.Reset();
+  outgoing_socket_.Reset();
 }

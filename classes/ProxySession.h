@@ -15,16 +15,18 @@
 #include <string>
 #include <utility>
 
+#include "FWDescriptor.h"
 #include "FWSendQueue.h"
 
 class ProxyPort;
 
 // Main thread only.
 //
-// Sockets: plain descriptors, 0 = none. The session owns both. Close() closes them (and logs the
-// connection line when connection logging is on). The destructor closes, silently, a socket that
-// is still set: one left by a start-up that failed before the session was open, or by a port that
-// destroys its sessions without closing them. It calls no virtual operation and logs nothing.
+// Sockets: the session owns both (FWDescriptor); their getters give 0 for none, as the loop takes
+// them. Close() closes them (and logs the connection line when connection logging is on). The
+// destructor closes, silently, a socket that is still open: one left by a start-up that failed
+// before the session was open, or by a port that destroys its sessions without closing them. It
+// calls no virtual operation and logs nothing.
 //
 // Transfer errors never leave the four transfer operations: they are logged under the log prefix
 // and end the session. Exceptions thrown by QueueIncoming and QueueOutgoing leave them unchanged.
@@ -93,7 +95,7 @@ class ProxySession {
   static void GetSockInfo(int socket, std::string& host, std::string& address);
 
   bool IsOpen() const { return open_; }
-  int GetIncomingSocket() const { return incoming_socket_; }
+  int GetIncomingSocket() const { return incoming_socket_.IsOpen() ? incoming_socket_.Get() : 0; }
   const std::string& GetIncomingAddress() const { return incoming_address_; }
   const FWSendQueue& GetIncomingBuffer() const { return incoming_buffer_; }
   bool IsIncomingClosed() const { return incoming_closed_; }
@@ -104,7 +106,7 @@ class ProxySession {
   std::time_t GetStartTime() const { return start_time_; }
   const std::string& GetLocalHost() const { return local_host_; }
   const std::string& GetLocalAddress() const { return local_address_; }
-  int GetOutgoingSocket() const { return outgoing_socket_; }
+  int GetOutgoingSocket() const { return outgoing_socket_.IsOpen() ? outgoing_socket_.Get() : 0; }
   const std::string& GetOutgoingAddress() const { return outgoing_address_; }
   const FWSendQueue& GetOutgoingBuffer() const { return outgoing_buffer_; }
   bool IsOutgoingClosed() const { return outgoing_closed_; }
@@ -131,7 +133,7 @@ class ProxySession {
  private:
   // One end of the connection pair as the transfer operations see it.
   struct Side {
-    int* socket;
+    FWDescriptor* socket;
     FWSendQueue* buffer;
     bool* closed;
     std::time_t* activity;
@@ -150,7 +152,7 @@ class ProxySession {
   void CloseSockets();
 
   bool open_ = false;
-  int incoming_socket_ = 0;
+  FWDescriptor incoming_socket_;
   std::string incoming_address_;
   FWSendQueue incoming_buffer_;
   bool incoming_closed_ = false;
@@ -160,7 +162,7 @@ class ProxySession {
   std::time_t start_time_ = 0;
   std::string local_host_;
   std::string local_address_;
-  int outgoing_socket_ = 0;
+  FWDescriptor outgoing_socket_;
   std::string outgoing_address_;
   FWSendQueue outgoing_buffer_;
   bool outgoing_closed_ = false;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "FWDescriptor.h"
 #include "FWException.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
@@ -97,22 +98,6 @@ bool ParseUrl(const std::string& url, HttpUrl& parts) {
   return host_ok && path_ok && IsValidPort(parts.port);
 }
 
-// Closes the check's socket on every way out.
-class CheckSocket {
- public:
-  explicit CheckSocket(int fd) : fd_(fd) {}
-  ~CheckSocket() {
-    if (fd_ >= 0) FWSocketManager::GetInstance().CloseSocket(fd_);
-  }
-  CheckSocket(const CheckSocket&) = delete;
-  CheckSocket& operator=(const CheckSocket&) = delete;
-
-  int Fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
 // Waits until the socket is ready for events or the deadline passes; false on time-out.
 bool WaitReady(int fd, short events, Clock::time_point deadline) {
   while (true) {
@@ -175,7 +160,7 @@ bool UpdateCheck::FetchNewestVersion(std::string& version) {
     const int error = errno;
     return Fail("(socket) " + ErrorText(error));
   }
-  const CheckSocket check_socket(fd);
+  const FWDescriptor check_socket(fd);
   if (!ConnectWithin(fd, address)) return false;
   const Clock::time_point deadline = Clock::now() + timeout_;
   std::string response;

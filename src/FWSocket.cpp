@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "FWDescriptor.h"
 #include "FWException.h"
 #include "FWStringUtils.h"
 
@@ -58,20 +59,6 @@ sockaddr* AsSockaddr(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(
 const sockaddr* AsSockaddr(const sockaddr_in& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
-
-// Closes the probe socket of IsAddressInUse on every way out.
-class ProbeSocket {
- public:
-  explicit ProbeSocket(int fd) : fd_(fd) {}
-  ~ProbeSocket() { FWSocketManager::GetInstance().CloseSocket(fd_); }
-  ProbeSocket(const ProbeSocket&) = delete;
-  ProbeSocket& operator=(const ProbeSocket&) = delete;
-
-  int Fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 }  // namespace
 
@@ -263,10 +250,10 @@ std::string FWSocketManager::GetIPAddresses() const {
 
 bool FWSocketManager::IsAddressInUse(const std::string& server, const std::string& port) const {
   try {
-    const ProbeSocket probe(CreateSocket("tcp"));
+    const FWDescriptor probe(CreateSocket("tcp"));
     sockaddr_in address;
     AddressCreate(address, server, port, "tcp");
-    Bind(probe.Fd(), address);
+    Bind(probe.Get(), address);
   } catch (const FWESocketError&) {
     return true;  // any failure on the way to a bound socket means the address is not free
   }

@@ -557,8 +557,9 @@ TEST_F(NorvaneClientTest, TwoFilesArePrefixedAndLinesNeverInterleave) {
     Append("b.log", "beta " + std::to_string(i) + "\n");
     ASSERT_TRUE(WaitForOutput("beta " + std::to_string(i))) << Out();
   }
-  Append("a.log", "and ends\n");
+  // b.log's unfinished line is written first, so it is read no later than a.log's end.
   Append("b.log", "unfinished");
+  Append("a.log", "and ends\n");
   ASSERT_TRUE(WaitForOutput("and ends")) << Out();
   ::kill(client_pid_, SIGTERM);
   const Outcome outcome = WaitClient();
