@@ -127,7 +127,7 @@ class LogFeeds final {
   // A feed wants more: the pass must not wait.
   bool IsBusy() const;
 
-  static constexpr int kMaxRoundGap = 100;
+  static constexpr int kMaxRoundGap = 250;
   std::size_t size() const { return feeds_.size(); }
 
  private:

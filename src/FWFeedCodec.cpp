@@ -63,7 +63,7 @@ std::size_t ProvideOutput(z_stream& z, std::string& out, std::size_t out_pos, st
 class DeflateStream {
  public:
   // Up to this size a message is small; its stream's hash table has 2^(3+7) entries.
-  static constexpr std::size_t kSmallMessage = 16 * 1024;
+  static constexpr std::size_t kSmallMessage = 4 * 1024;
   static constexpr int kSmallMemoryLevel = 3;
 
   explicit DeflateStream(int memory_level) {
