@@ -61,7 +61,7 @@ void LogFeed::Poll(bool check_path) {
     if (follower->GetOwnTail() != nullptr || !follower->IsHeldBack()) continue;
     // Without a descriptor for its own reader the follower keeps taking frames past its bound:
     // memory grows, but no byte is lost.
-    std::unique_ptr<LogTail> own = tail_.Clone(follower->GetLogPrefix());
+    std::unique_ptr<LogTail> own = tail_.Clone(follower->GetReaderPrefix());
     if (own != nullptr) follower->SetOwnTail(std::move(own));
   }
   const LogTail::Step before = tail_.GetStep();

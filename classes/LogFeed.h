@@ -42,8 +42,8 @@ class LogFeed final {
     virtual void Deliver(const std::vector<FWSharedBytes>& frames) = 0;
     virtual LogTail* GetOwnTail() = 0;
     virtual void SetOwnTail(std::unique_ptr<LogTail> tail) = 0;
-    // The session's log prefix, for the reader a session gets when it falls behind.
-    virtual const std::string& GetLogPrefix() const = 0;
+    // The log prefix for the reader the follower gets when it falls behind.
+    virtual std::string GetReaderPrefix() const = 0;
   };
 
   LogFeed(std::string root, std::string name);

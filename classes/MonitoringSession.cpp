@@ -121,6 +121,21 @@ MonitoringSession::MonitoringSession(int number, MonitoringPort* port)
       client_frames_(kPreLoginFrameLimit, kPreLoginFrameLimit),
       server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
 
+class MonitoringSession::FeedLink final : public LogFeed::Follower {
+ public:
+  explicit FeedLink(MonitoringSession& session) : session_(session) {}
+
+  bool IsHeldBack() const override { return session_.HeldBack(); }
+  bool WantsPositions() const override { return session_.extended_; }
+  void Deliver(const std::vector<FWSharedBytes>& frames) override { session_.QueueFrames(frames); }
+  LogTail* GetOwnTail() override { return session_.own_tail_.get(); }
+  void SetOwnTail(std::unique_ptr<LogTail> tail) override { session_.own_tail_ = std::move(tail); }
+  std::string GetReaderPrefix() const override { return session_.GetLogPrefix(); }
+
+ private:
+  MonitoringSession& session_;
+};
+
 MonitoringSession::~MonitoringSession() { StopFile(); }
 
 void MonitoringSession::Open(int listening) {
@@ -208,21 +223,19 @@ void MonitoringSession::CheckActive() {
     return;
   }
   ServeCommands();
-  if (!IsOpen() || !transmitting_ || own_tail_ == nullptr || IsHeldBack()) return;
+  if (!IsOpen() || !transmitting_ || own_tail_ == nullptr || HeldBack()) return;
   const std::string data = own_tail_->Poll();
   if (!data.empty()) SendData(data, extended_);
-  if (feed_ != nullptr) feed_->Rejoin(this);
+  if (feed_ != nullptr) feed_->Rejoin(link_.get());
 }
 
 bool MonitoringSession::IsBehind() const {
-  return IsOpen() && transmitting_ && own_tail_ != nullptr && own_tail_->HasMore() && !IsHeldBack();
+  return IsOpen() && transmitting_ && own_tail_ != nullptr && own_tail_->HasMore() && !HeldBack();
 }
 
-bool MonitoringSession::ReadyToReceiveIncoming() {
-  return GetIncomingSocket() != 0 && !IsHeldBack();
-}
+bool MonitoringSession::ReadyToReceiveIncoming() { return GetIncomingSocket() != 0 && !HeldBack(); }
 
-bool MonitoringSession::IsHeldBack() const {
+bool MonitoringSession::HeldBack() const {
   const std::size_t limit =
       server_state_ == kLoggedIn ? LogTail::kMaxPendingBytes : kPreLoginPendingBytes;
   return GetIncomingBuffer().size() > limit;
@@ -232,7 +245,7 @@ void MonitoringSession::SendReply(const std::string& text) {
   AppendIncoming(client_frames_.Frame(text));
 }
 
-void MonitoringSession::Deliver(const std::vector<FWSharedBytes>& frames) {
+void MonitoringSession::QueueFrames(const std::vector<FWSharedBytes>& frames) {
   for (const FWSharedBytes& frame : frames) AppendIncoming(frame);
 }
 
@@ -276,7 +289,7 @@ void MonitoringSession::QueueOutgoing(const std::string& data) {
 // plus the rest of the line before it.
 void MonitoringSession::ServeCommands() {
   std::string line;
-  while (IsOpen() && !IsHeldBack()) {
+  while (IsOpen() && !HeldBack()) {
     if (command_text_.CutLine(&line)) {
       HandleCommand(line);
       continue;
@@ -506,18 +519,20 @@ void MonitoringSession::HandleResume(const std::string& line) {
 
 void MonitoringSession::JoinFeed() {
   feeds_ = monitoring_port_->GetLogFeeds();
-  if (feeds_ != nullptr)
-    feed_ = feeds_->Join(monitoring_port_->GetDocumentRoot(), file_name_, this);
+  if (feeds_ == nullptr) return;
+  link_ = std::make_unique<FeedLink>(*this);
+  feed_ = feeds_->Join(monitoring_port_->GetDocumentRoot(), file_name_, link_.get());
 }
 
 void MonitoringSession::StopFile() {
-  if (feed_ != nullptr) feeds_->Leave(feed_, this);
+  if (feed_ != nullptr) feeds_->Leave(feed_, link_.get());
   feed_ = nullptr;
+  link_.reset();
   own_tail_.reset();
 }
 
 void MonitoringSession::SendData(const std::string& data, bool positions, const std::string& note) {
-  Deliver(LogFeed::Frame(client_frames_, data, own_tail_->GetPosition(), positions, note));
+  QueueFrames(LogFeed::Frame(client_frames_, data, own_tail_->GetPosition(), positions, note));
 }
 
 void MonitoringSession::HandleList() {

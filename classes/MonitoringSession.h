@@ -53,7 +53,7 @@ class MonitoringPort;
 // A port with the built-in default password admits logins from loopback only. The log files are
 // collected at the first "list" or "start" after login. Failed logins, refused names, "start",
 // "stop" and the end of the session are logged with the client's address (never a password).
-class MonitoringSession final : public ProxySession, public LogFeed::Follower {
+class MonitoringSession final : public ProxySession {
  public:
   // Server states.
   static constexpr int kAwaitingLogin = 1;
@@ -111,15 +111,11 @@ class MonitoringSession final : public ProxySession, public LogFeed::Follower {
   // Empties the received text, the log file list and the current file; stops transmitting.
   void ClearData();
 
-  // As a follower of a shared feed.
-  bool IsHeldBack() const override;
-  bool WantsPositions() const override { return extended_; }
-  void Deliver(const std::vector<FWSharedBytes>& frames) override;
-  LogTail* GetOwnTail() override { return own_tail_.get(); }
-  void SetOwnTail(std::unique_ptr<LogTail> tail) override { own_tail_ = std::move(tail); }
-  const std::string& GetLogPrefix() const override { return ProxySession::GetLogPrefix(); }
   // The shared feed the session follows; null when it follows none.
   const LogFeed* GetFeed() const { return feed_; }
+  // The session's own reader of its file while it is not in step with a shared feed; null while
+  // it is, or when no file is transmitted.
+  const LogTail* GetOwnTail() const { return own_tail_.get(); }
 
   // Client role: the data lines received so far, each with its "\r\n".
   const std::string& GetReceivedText() const { return received_text_; }
@@ -162,6 +158,8 @@ class MonitoringSession final : public ProxySession, public LogFeed::Follower {
   // Server role: takes frames and handles their lines until the input runs out, the session
   // ends, or back-pressure holds it back.
   void ServeCommands();
+  // The replies waiting for the client are past the bound: no command is taken, no file read.
+  bool HeldBack() const;
   void HandleCommand(const std::string& line);
   void HandleLoggedIn(const std::string& line, const std::string& lower);
   void HandleLogin(const std::string& line, const std::string& lower);
@@ -185,6 +183,7 @@ class MonitoringSession final : public ProxySession, public LogFeed::Follower {
   // Sends what the own reader read; with positions, as one message behind its position line
   // (note ends that line), also when data is empty.
   void SendData(const std::string& data, bool positions, const std::string& note = "");
+  void QueueFrames(const std::vector<FWSharedBytes>& frames);
   void HandleList();
 
   // Client role.
@@ -208,6 +207,11 @@ class MonitoringSession final : public ProxySession, public LogFeed::Follower {
   std::string file_name_;
   // The file's reader while the session is not in step with a shared feed (always, without one).
   std::unique_ptr<LogTail> own_tail_;
+  // The session as its feed sees it. Made only when the session joins a feed, which it does with
+  // a descriptor in hand: the sanitizer's first check of a polymorphic type needs one, and a
+  // session may be made and ended when none is left.
+  class FeedLink;
+  std::unique_ptr<FeedLink> link_;
   // The shared feed of the followed file, and the port's feeds it belongs to (which outlive the
   // session); null when none.
   LogFeed* feed_ = nullptr;

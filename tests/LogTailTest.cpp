@@ -350,7 +350,7 @@ class TestFollower final : public LogFeed::Follower {
   }
   LogTail* GetOwnTail() override { return own.get(); }
   void SetOwnTail(std::unique_ptr<LogTail> tail) override { own = std::move(tail); }
-  const std::string& GetLogPrefix() const override { return prefix_; }
+  std::string GetReaderPrefix() const override { return "Session 2: "; }
   // What its own reader returns now.
   std::string ReadAlone() { return own != nullptr ? own->Poll() : "<in step>"; }
 
@@ -360,7 +360,6 @@ class TestFollower final : public LogFeed::Follower {
 
  private:
   FWFeedCodec codec_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
-  const std::string prefix_ = "Session 2: ";
 };
 
 TEST_F(LogTailTest, FeedFollowersTakeSharedDataOnlyInStepAndCatchUpAloneWhenHeldBack) {
