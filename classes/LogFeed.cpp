@@ -136,7 +136,8 @@ LogFeed* LogFeeds::Join(const std::string& root, const std::string& name,
     Watch(*found->second);
   }
   LogFeed& feed = *found->second;
-  feed.Join(follower);
+  feed.Join(follower);  // may poll: the file under the path may be another one now
+  Watch(feed);
   return &feed;
 }
 
@@ -227,19 +228,24 @@ int LogFeeds::GetWaitBound() const {
 // A feed that only grew is read on without a stat of its path: the watches report any change of
 // what the path names. The once-a-second poll checks the path always.
 void LogFeeds::PollDue(bool new_second) {
-  const bool round = NowMs() >= next_round_;
+  const long long now = NowMs();
+  const bool round = now >= next_round_;
   int polled = 0;
   for (auto& entry : feeds_) {
     LogFeed& feed = *entry.second;
     const bool event = round && feed.due_;
-    if (!new_second && !event && !feed.WantsMore()) continue;
+    // The second's poll is for files whose events do not come: one read at an event within the
+    // last second has shown that they do.
+    const bool fallback = new_second && now - feed.last_poll_ >= kFallbackMs;
+    if (!fallback && !event && !feed.WantsMore()) continue;
     polled += event ? 1 : 0;
-    const bool check_path = new_second || feed.path_changed_ || events_ < 0;
+    const bool check_path = fallback || feed.path_changed_ || events_ < 0;
     if (event) feed.due_ = feed.path_changed_ = false;
+    if (event || fallback) feed.last_poll_ = now;
     feed.Poll(check_path);
     Watch(feed);
   }
-  if (polled > 0) next_round_ = NowMs() + std::min(polled, kMaxRoundGap);
+  if (polled > 0) next_round_ = NowMs() + std::clamp(polled, kMinRoundGap, kMaxRoundGap);
 }
 
 bool LogFeeds::IsBusy() const {

@@ -91,6 +91,8 @@ class LogFeed final {
   int directory_watch_ = -1;
   LogTail::Step watched_;
   bool due_ = false;
+  // When an event or the second last read it (steady clock, milliseconds).
+  long long last_poll_ = 0;
   // An event may have changed what the path names (not only appended to the open file).
   bool path_changed_ = false;
 };
@@ -118,15 +120,20 @@ class LogFeeds final {
   int GetWaitBound() const;
   // Reads the waiting events and marks the feeds they concern as due.
   void ReadEvents();
-  // Polls every feed that wants more and, on a new second, every feed. Feeds with events are
-  // polled in rounds: a round that polled N of them is followed by the next no sooner than N ms
-  // later (at most kMaxRoundGap). A file alone is read within a millisecond of its event; with
-  // many busy files each read takes what several writes appended, so that the daemon's cost per
-  // byte stays near that of compressing and enciphering it.
+  // Polls every feed that wants more and, on a new second, every feed not read within the last
+  // second. Feeds with events are
+  // polled in rounds: a round that polled N of them is followed by the next no sooner than
+  // kMinRoundGap or N ms later, whichever is longer (at most kMaxRoundGap). A write to a quiet
+  // file is read within a millisecond of its event; a file written all the time is read for
+  // several writes at once, and so are many busy files, so that the daemon's cost per byte stays
+  // near that of compressing and enciphering it.
   void PollDue(bool new_second);
   // A feed wants more: the pass must not wait.
   bool IsBusy() const;
 
+  static constexpr int kMinRoundGap = 20;
+  // A feed not read for this long is read at the next second, events or not.
+  static constexpr long long kFallbackMs = 1000;
   static constexpr int kMaxRoundGap = 250;
   std::size_t size() const { return feeds_.size(); }
 

@@ -808,15 +808,24 @@ TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyIts
   testutil::WriteFile(root_.File("a.log.1"), "three\n", true);
   testutil::WriteFile(a, "four\n");
   FeedClient& third = StartAnother();
-  testutil::WriteFile(a, "five\n", true);
-  Pump(2);
-  testutil::WriteFile(a, "six\n");  // truncated and rewritten, shorter than before
-  const Lines expected = {"one\r\ntwo\r\nthree\r\nfour\r\nfive\r\nsix\r\n",
-                          "two\r\nthree\r\nfour\r\nfive\r\nsix\r\n", "five\r\nsix\r\n"};
   const std::vector<FeedClient*> clients = {client_.get(), &second, &third};
-  for (std::size_t i = 0; i < clients.size(); ++i) {
-    EXPECT_EQ(ReceiveData(expected[i].size(), nullptr, clients[i]), expected[i]) << "client " << i;
-  }
+  Lines received(clients.size());
+  const auto receive_until = [&](const Lines& wanted) {
+    return PumpUntil([&] {
+      for (std::size_t i = 0; i < clients.size(); ++i) {
+        while (auto message = clients[i]->TakeMessage()) received[i] += *message;
+      }
+      return received == wanted;
+    });
+  };
+  testutil::WriteFile(a, "five\n", true);
+  EXPECT_TRUE(receive_until(
+      {"one\r\ntwo\r\nthree\r\nfour\r\nfive\r\n", "two\r\nthree\r\nfour\r\nfive\r\n", "five\r\n"}))
+      << received[0] << "|" << received[1] << "|" << received[2];
+  testutil::WriteFile(a, "six\n");  // truncated and rewritten, shorter than before
+  EXPECT_TRUE(receive_until({"one\r\ntwo\r\nthree\r\nfour\r\nfive\r\nsix\r\n",
+                             "two\r\nthree\r\nfour\r\nfive\r\nsix\r\n", "five\r\nsix\r\n"}))
+      << received[0] << "|" << received[1] << "|" << received[2];
   Pump(3);
   for (FeedClient* client : clients) EXPECT_FALSE(client->HasMessage()) << "data sent twice";
   ASSERT_EQ(manager_.GetLogFeeds()->size(), 1u);
