@@ -1,0 +1,226 @@
+// The feed's frames as a peer sees them on the wire: Blowfish in the feed's byte order (against
+// OpenSSL's Blowfish), one zlib stream per message (against plain zlib), the eight-byte header,
+// the limits on what a reader accepts, and broken input.
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "FWBlowfish.h"
+#include "FWException.h"
+#include "FWFeedCodec.h"
+// OpenSSL 3 marks its Blowfish deprecated; here it only serves as an independent reference.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/blowfish.h>
+
+namespace {
+
+using Result = FWFeedCodec::Result;
+
+// The fixed key of the feed: every peer has it.
+const std::string kKey = "qgbcnn1HCRNb91390sSMBHbr2JN%&?%&";
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+// OpenSSL's ECB Blowfish over whole blocks in either direction, with each 32-bit half
+// byte-swapped on the way in and out: the feed reads a half least significant byte first.
+std::string Reference(const std::string& key, std::string data, int direction) {
+  BF_KEY schedule;
+  BF_set_key(&schedule, static_cast<int>(key.size()),
+             reinterpret_cast<const unsigned char*>(key.data()));
+  const auto swap_halves = [](std::string& d) {
+    for (std::size_t i = 0; i + 4 <= d.size(); i += 4) {
+      std::swap(d[i], d[i + 3]);
+      std::swap(d[i + 1], d[i + 2]);
+    }
+  };
+  swap_halves(data);
+  for (std::size_t i = 0; i + 8 <= data.size(); i += 8) {
+    auto* block = reinterpret_cast<unsigned char*>(data.data() + i);
+    BF_ecb_encrypt(block, block, &schedule, direction);
+  }
+  swap_halves(data);
+  return data;
+}
+
+// Log-like text that compresses well, or random bytes that do not.
+std::string Text(std::size_t size, bool random) {
+  std::mt19937 rng(42);
+  std::string s;
+  while (s.size() < size) {
+    s += random ? std::string(1, static_cast<char>(rng()))
+                : "line " + std::to_string(rng() % 100000) + " of the log\r\n";
+  }
+  s.resize(size);
+  return s;
+}
+
+// The eight-byte header of a frame whose compressed message is length bytes.
+std::string Header(std::uint32_t length) {
+  std::string header(4, '\0');
+  for (int shift = 24; shift >= 0; shift -= 8) header.push_back(static_cast<char>(length >> shift));
+  return header;
+}
+
+class FWCodecTest : public ::testing::Test {
+ protected:
+  // Appends the input in pieces of the given size and collects every message until kNeedMore.
+  static std::vector<std::string> Read(FWFeedCodec& codec, const std::string& input,
+                                       std::size_t piece) {
+    std::vector<std::string> messages;
+    for (std::size_t i = 0; i < input.size(); i += piece) {
+      codec.Append(std::string_view(input).substr(i, piece));
+      std::string message;
+      while (codec.Next(&message) == Result::kMessage) messages.push_back(message);
+    }
+    return messages;
+  }
+
+  // The readers of a daemon and of a client.
+  FWFeedCodec daemon_{FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit};
+  FWFeedCodec client_{FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit};
+};
+
+}  // namespace
+
+TEST_F(FWCodecTest, BlowfishAgreesWithOpenSslAndPadsWithOneBytes) {
+  std::mt19937 rng(20240605);
+  std::uniform_int_distribution<int> key_byte(1, 255);  // a zero byte would end the key
+  for (std::size_t key_length = 1; key_length <= 72; key_length += 1) {
+    std::string key(key_length, '\0');
+    for (char& c : key) c = static_cast<char>(key_byte(rng));
+    const std::string plain = Text(rng() % 40, true);
+    std::string padded = plain + std::string((8 - plain.size() % 8) % 8, '\x01');
+    const Blowfish cipher(key);
+    std::string data = plain;
+    cipher.Encrypt(data);
+    ASSERT_EQ(data, Reference(key, padded, BF_ENCRYPT)) << "key length " << key_length;
+    cipher.Decrypt(data, static_cast<unsigned>(plain.size()));
+    ASSERT_EQ(data, plain) << "key length " << key_length;
+  }
+}
+
+// zlib level 1 with a sync flush before the final block; the body padded with 0x01 bytes to
+// whole blocks and enciphered under the feed key; L is the length before padding.
+TEST_F(FWCodecTest, FrameIsSyncMarkerLengthAndTheEncipheredZlibStream) {
+  const struct {
+    std::string message, header, stream;
+  } cases[] = {
+      {"hello\r\n", std::string("\0\0\0\0\0\0\0\x15", 8),
+       "7801ca48cdc9c9e7e502000000ffff03000a7a022c010101"},
+      {"abcdefghij", std::string("\0\0\0\0\0\0\0\x18", 8),
+       "78014a4c4a4e494d4bcfc8cc02000000ffff0300158603f8"},
+      {"", std::string(8, '\0'), ""},
+  };
+  for (const auto& [message, header, stream] : cases) {
+    const std::string frame = daemon_.Frame(message);
+    EXPECT_EQ(frame, header + Reference(kKey, FromHex(stream), BF_ENCRYPT)) << message;
+    EXPECT_EQ(Read(client_, frame, frame.size()), std::vector<std::string>{message});
+  }
+}
+
+TEST_F(FWCodecTest, MessagesAreTheSameWhateverTheSizesOfTheReads) {
+  const std::vector<std::string> sent = {"user admin\r\n", "", "pass secret\r\n", Text(5000, true),
+                                         "quit\r\n"};
+  std::string stream;
+  for (const std::string& m : sent) stream += client_.Frame(m);
+  for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, stream.size()}) {
+    EXPECT_EQ(Read(daemon_, stream, piece), sent) << piece;
+    EXPECT_EQ(daemon_.GetBufferedSize(), 0u);
+  }
+}
+
+TEST_F(FWCodecTest, WrongSyncMarkerStopsReadingForGood) {
+  const std::string good = daemon_.Frame("stop\r\n");
+  for (int at = 0; at < 4; ++at) {
+    std::string bad = good;
+    bad[at] = '\x01';
+    EXPECT_EQ(Read(daemon_, good + bad + good, 1000), std::vector<std::string>{"stop\r\n"});
+    std::string message;
+    daemon_.Append(good);
+    EXPECT_EQ(daemon_.Next(&message), Result::kLostSync);
+    EXPECT_EQ(daemon_.GetBufferedSize(), 0u);
+    daemon_.Clear();
+  }
+}
+
+// A frame length over the limit is known from the header alone: nothing more is awaited.
+TEST_F(FWCodecTest, LimitsOfDaemonAndClientIncludeTheLimitItself) {
+  const std::pair<FWFeedCodec*, std::uint32_t> readers[] = {{&daemon_, 1048576},
+                                                            {&client_, 67108864}};
+  for (const auto& [codec, limit] : readers) {
+    std::string message;
+    codec->Append(Header(limit));
+    EXPECT_EQ(codec->Next(&message), Result::kNeedMore) << limit;
+    codec->Clear();
+    codec->Append(Header(limit + 1));
+    EXPECT_EQ(codec->Next(&message), Result::kFrameTooLarge) << limit;
+    EXPECT_EQ(codec->GetBufferedSize(), 0u);
+    codec->Clear();
+  }
+  std::string message;
+  daemon_.Append(client_.Frame(std::string(1048576, 'x')));
+  ASSERT_EQ(daemon_.Next(&message), Result::kMessage);
+  EXPECT_EQ(message.size(), 1048576u);
+  daemon_.Append(client_.Frame(std::string(1048577, 'x')) + client_.Frame("quit\r\n"));
+  EXPECT_EQ(daemon_.Next(&message), Result::kMessageTooLarge);
+  EXPECT_EQ(daemon_.Next(&message), Result::kMessageTooLarge);
+  EXPECT_EQ(daemon_.GetBufferedSize(), 0u);
+}
+
+TEST_F(FWCodecTest, CorruptStreamThrowsAndTheNextFrameIsStillRead) {
+  std::string body = "not a zlib stream";
+  Blowfish(kKey).Encrypt(body);
+  daemon_.Append(Header(17) + body + daemon_.Frame("list\r\n"));
+  std::string message;
+  try {
+    daemon_.Next(&message);
+    ADD_FAILURE() << "no exception";
+  } catch (const FWEOperationFailed& e) {
+    EXPECT_EQ(e.GetText(), "ProxySession::Inflate operation failed (inflate: -3)");
+  }
+  EXPECT_EQ(daemon_.Next(&message), Result::kMessage);
+  EXPECT_EQ(message, "list\r\n");
+}
+
+// A peer may end its stream at the sync point: without the final block and the checksum.
+TEST_F(FWCodecTest, StreamEndingAtItsSyncPointYieldsWhatItHolds) {
+  std::string data = FromHex("7801ca48cdc9c9e7e502000000ffff");
+  FWFeedCodec::Inflate(data, 100);
+  EXPECT_EQ(data, "hello\r\n");
+  data = FromHex("7801ca48cdc9c9e7e502000000ffff");
+  EXPECT_THROW(FWFeedCodec::Inflate(data, 6), FWESizeExceeded);
+}
+
+TEST_F(FWCodecTest, LargeMessagesRoundTripAsOneCompleteZlibStream) {
+  for (const bool random : {false, true}) {
+    const std::string sent = Text(2 << 20, random);
+    const std::string frame = daemon_.Frame(sent);
+    const std::string header = frame.substr(0, 8);
+    const std::uint32_t length =
+        static_cast<std::uint32_t>(static_cast<unsigned char>(header[4])) << 24 |
+        static_cast<std::uint32_t>(static_cast<unsigned char>(header[5])) << 16 |
+        static_cast<std::uint32_t>(static_cast<unsigned char>(header[6])) << 8 |
+        static_cast<unsigned char>(header[7]);
+    ASSERT_EQ(frame.size(), 8 + (length + 7) / 8 * 8);
+    const std::string plain = Reference(kKey, frame.substr(8), BF_DECRYPT);
+    std::string inflated(sent.size(), '\0');
+    uLongf size = inflated.size();
+    ASSERT_EQ(uncompress(reinterpret_cast<Bytef*>(inflated.data()), &size,
+                         reinterpret_cast<const Bytef*>(plain.data()), length),
+              Z_OK);
+    EXPECT_TRUE(inflated == sent) << random;
+    EXPECT_TRUE(Read(client_, frame, 65536) == std::vector<std::string>{sent}) << random;
+  }
+}
