@@ -1,0 +1,166 @@
+// The framework parts that operators meet only through the daemon: file name patterns
+// (SearchPattern), port texts (IncomingPort) and the update check's HTTP
+// exchange.
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FWException.h"
+#include "FWProduct.h"
+#include "FWSocket.h"
+#include "FWStringUtils.h"
+#include "TestUtil.h"
+
+namespace {
+
+using testutil::milliseconds;
+
+TEST(FWSupportTest, PatternsMatchTheWholeNameCaseSensitivelyAndBacktrackOverStars) {
+  // For each pattern: the names and whether it matches each ("1") or not ("0").
+  const struct {
+    std::string pattern;
+    std::vector<std::string> names;
+    std::string matches;
+  } cases[] = {
+      {"*.log", {"x.log", "x.LOG", "x.log.1", ".log"}, "1001"},
+      {"a?c", {"abc", "a*c", "ac", "abbc"}, "1100"},
+      {"*", {"", "anything"}, "11"},
+      {"", {"", "a"}, "10"},
+      {"*?", {"", "a"}, "01"},
+      {"syslog", {"syslog", "syslog.1", "xsyslog"}, "100"},
+      {"*a*b*c", {"xxaxxbxxc", "abcab"}, "10"},
+      {"a*b*c", {"abbcbc", "acb"}, "10"},
+      {"*x*?y", {"xxzy", "xy"}, "10"},
+      {"*a*a*a*a*a*b", {std::string(60, 'a')}, "0"},  // backtracking stays bounded
+  };
+  for (const auto& [pattern, names, matches] : cases) {
+    std::string found;
+    for (const std::string& name : names) found += FWStringUtils::Match(pattern, name) ? "1" : "0";
+    EXPECT_EQ(found, matches) << pattern;
+  }
+}
+
+TEST(FWSupportTest, PortIsANumberFrom1To65535OrAServiceName) {
+  FWSocketManager& sockets = FWSocketManager::GetInstance();
+  sockaddr_in address{};
+  sockets.AddressCreate(address, "127.0.0.1", "65535", "tcp");
+  EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(ntohs(address.sin_port), 65535);
+  if (testutil::ReadFile("/etc/services").find("\npop3\t") != std::string::npos) {
+    sockets.AddressCreate(address, "127.0.0.1", "pop3", "tcp");
+    EXPECT_EQ(ntohs(address.sin_port), 110);
+  }
+  for (const char* port : {"0", "65536", "nosuchservice"}) {
+    EXPECT_THROW(sockets.AddressCreate(address, "", port, "tcp"), FWESocketError) << port;
+  }
+}
+
+// ---- The update check ----
+
+// Answers one request on a loopback port with a canned response (none: holds the connection
+// for at most 10 s). Every wait is bounded, so the destructor returns in time.
+class OneShotServer {
+ public:
+  explicit OneShotServer(std::string response, bool silent = false)
+      : response_(std::move(response)), silent_(silent), thread_([this] { Serve(); }) {}
+  ~OneShotServer() { Request(); }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(listener_.Port()); }
+  // The request as received, once the server is done.
+  std::string Request() {
+    if (thread_.joinable()) thread_.join();
+    return request_;
+  }
+
+ private:
+  static bool Readable(int fd, int ms) {
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, ms) == 1;
+  }
+  void Serve() {
+    if (!Readable(listener_.Fd(), 10000)) return;
+    const int fd = ::accept(listener_.Fd(), nullptr, nullptr);
+    char buffer[4096];
+    std::string request;
+    while (request.find("\r\n\r\n") == std::string::npos && Readable(fd, 10000)) {
+      const ssize_t got = ::recv(fd, buffer, sizeof(buffer), 0);
+      if (got <= 0) break;
+      request.append(buffer, static_cast<std::size_t>(got));
+    }
+    request_ = request;
+    if (silent_ && Readable(fd, 10000)) (void)::recv(fd, buffer, 1, 0);
+    if (!silent_) (void)::send(fd, response_.data(), response_.size(), MSG_NOSIGNAL);
+    ::close(fd);
+  }
+
+  testutil::LoopbackListener listener_;
+  const std::string response_;
+  const bool silent_;
+  std::string request_;
+  std::thread thread_;  // last: starts once everything it uses exists
+};
+
+TEST(FWSupportTest, VersionsCompareNumberByNumber) {
+  EXPECT_TRUE(FWProduct::IsNewerVersion("0.10.0", "0.9.1"));
+  EXPECT_TRUE(FWProduct::IsNewerVersion("1.0.1", "1.0"));
+  EXPECT_FALSE(FWProduct::IsNewerVersion("1.0.0", "1.0"));
+  EXPECT_FALSE(FWProduct::IsNewerVersion("2.x", "1.0"));
+}
+
+// One plain GET; the first line of the body names the newest version. Every failure is no
+// update, with a reason for the log.
+TEST(FWSupportTest, UpdateCheckReportsANewerVersionOrWhyItFoundNone) {
+  const std::string ok = "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n";
+  const std::string running = FWProduct::GetVersion();
+  // The response, and "message|failure" after the check.
+  const std::pair<std::string, std::string> cases[] = {
+      {ok + "999.0.1\r\nsecond line\r\n",
+       "Version 999.0.1 is available (running " + running + ")|"},
+      {ok + running + "\n", "|"},
+      {ok + "0.0.0\n", "|"},
+      {"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n999.0\r\n",
+       "|answer without a blank line after the header"},
+      {"HTTP/1.0 404 Not Found\r\n\r\n999.0\r\n", "|server answered 'HTTP/1.0 404 Not Found'"},
+      {ok + "latest!\r\n", "|bad version text 'latest!'"},
+      {ok + "\r\n999.0\r\n", "|answer without a version"},
+  };
+  for (const auto& [response, result] : cases) {
+    OneShotServer server(response);
+    FWProduct product;
+    EXPECT_EQ(
+        product.CheckForUpdate("http://" + server.Address() + "/n/latest.txt", milliseconds(10000)),
+        result.front() != '|');
+    EXPECT_EQ(product.GetUpdateMessage() + "|" + product.GetUpdateFailure(), result);
+  }
+  {
+    OneShotServer server("");
+    FWProduct product;
+    EXPECT_FALSE(product.CheckForUpdate("http://" + server.Address(), milliseconds(10000)));
+    EXPECT_EQ(product.GetUpdateFailure(), "empty answer from " + server.Address());
+    EXPECT_EQ(server.Request(), "GET / HTTP/1.0\r\nHost: " + server.Address() +
+                                    "\r\nUser-Agent: Norvane/" + running + "\r\n\r\n");
+  }
+  OneShotServer silent("", true);
+  FWProduct product;
+  EXPECT_FALSE(product.CheckForUpdate("http://" + silent.Address() + "/v", milliseconds(500)));
+  EXPECT_EQ(product.GetUpdateFailure(), "no answer from " + silent.Address() + " within 500 ms");
+  const std::string closed = "127.0.0.1:" + std::to_string(testutil::FreePort());
+  EXPECT_FALSE(product.CheckForUpdate("http://" + closed + "/v", milliseconds(1000)));
+  EXPECT_EQ(product.GetUpdateFailure(),
+            "cannot connect to " + closed + ": (connect) Connection refused");
+  EXPECT_FALSE(product.CheckForUpdate("http://127.0.0.1:65536/v", milliseconds(1000)));
+  EXPECT_EQ(product.GetUpdateFailure(), "bad update URL 'http://127.0.0.1:65536/v'");
+  EXPECT_FALSE(product.CheckForUpdate("", milliseconds(1000)));
+  EXPECT_EQ(product.GetUpdateMessage() + "|" + product.GetUpdateFailure(), "|");
+}
+
+}  // namespace
