@@ -145,7 +145,11 @@ TEST_F(NorvanedTest, StartedByBareNameKeepsTheInheritedDirectoryAndWritesNoPidFi
   int status = -1;
   ASSERT_EQ(::waitpid(launcher, &status, 0), launcher);
   ASSERT_EQ(status, 0) << "norvaned could not be started through PATH";
-  ASSERT_TRUE(daemon_.WaitForPort()) << ReadFile(elsewhere.File("Norvane.log"));
+  // A greeting comes from the serving loop, which starts after the pid file would be written.
+  ASSERT_TRUE(WaitUntil([&] {
+    FeedPeer client(daemon_.Port());
+    return client.Connected() && client.Receive() == kGreeting;
+  })) << ReadFile(elsewhere.File("Norvane.log"));
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::error_code error;
     if (std::filesystem::read_symlink(entry.path() / "exe", error) == daemon_.Binary()) {
