@@ -1,6 +1,6 @@
 // The norvane client: its argument rules, and the norvane binary reading a feed from a daemon
-// played by the test (testutil::FeedPeer) that decides every message boundary, or from the real
-// norvaned binary (testutil::Daemon).
+// played by the test (FeedPeer) that decides every message boundary, or from the real
+// norvaned binary (Daemon).
 #include "NorvaneClient.h"
 
 #include <fcntl.h>
@@ -24,9 +24,7 @@
 
 namespace {
 
-using testutil::FeedPeer;
-using testutil::seconds;
-using testutil::WaitUntil;
+using namespace testutil;  // the shared helpers
 
 const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
 
@@ -75,13 +73,13 @@ class NorvaneClientTest : public ::testing::Test {
   void StartClient(const std::vector<std::string>& args, const std::string& password = "Kem01&*sB",
                    const std::string& no_colour = "") {
     client_.reset();
-    client_ = std::make_unique<testutil::ChildProcess>(
+    client_ = std::make_unique<ChildProcess>(
         NORVANE_BINARY, args,
-        testutil::ChildProcess::Setup{"",
-                                      Path("out"),
-                                      Path("err"),
-                                      terminal_ >= 0 ? ::ptsname(terminal_) : "",
-                                      {{"NORVANE_PASSWORD", password}, {"NO_COLOR", no_colour}}});
+        ChildProcess::Setup{"",
+                            Path("out"),
+                            Path("err"),
+                            terminal_ >= 0 ? ::ptsname(terminal_) : "",
+                            {{"NORVANE_PASSWORD", password}, {"NO_COLOR", no_colour}}});
   }
   void Signal(int sig) { client_->Signal(sig); }
   // Waits (bounded) for the client to end; code -1 when it did not.
@@ -105,7 +103,7 @@ class NorvaneClientTest : public ::testing::Test {
   }
   static std::string WithoutMarkers(const std::string& out) {
     std::string kept;
-    for (const std::string& line : testutil::Lines(out + "\n")) {
+    for (const std::string& line : Lines(out + "\n")) {
       if (line.find("sync") == std::string::npos) kept += line + "\n";
     }
     return kept.substr(0, kept.size() - 1);
@@ -114,7 +112,7 @@ class NorvaneClientTest : public ::testing::Test {
     return WaitUntil([&] { return Out().find(text) != std::string::npos; }, seconds(wait_seconds));
   }
   void Append(const std::string& file, const std::string& text) {
-    testutil::WriteFile(daemon_.Logs().File(file), text, true);
+    WriteFile(daemon_.Logs().File(file), text, true);
   }
 
   // A pseudo-terminal for the client's standard output: what it shows arrives in terminal_out_.
@@ -139,12 +137,12 @@ class NorvaneClientTest : public ::testing::Test {
   }
 
   std::string Path(const std::string& name) const { return files_.File(name); }
-  std::string Out() const { return testutil::ReadFile(Path("out")); }
-  std::string Err() const { return testutil::ReadFile(Path("err")); }
+  std::string Out() const { return ReadFile(Path("out")); }
+  std::string Err() const { return ReadFile(Path("err")); }
 
-  testutil::Daemon daemon_;
-  testutil::TempDir files_;
-  std::unique_ptr<testutil::ChildProcess> client_;
+  Daemon daemon_;
+  TempDir files_;
+  std::unique_ptr<ChildProcess> client_;
   int terminal_ = -1;
   std::string terminal_out_;
 };
@@ -264,7 +262,7 @@ TEST_F(NorvaneClientTest, BacklogAgainstAnOlderDaemonWarnsOnceAndFollowsUntilThe
 TEST_F(NorvaneClientTest, BacklogWritesTheLastLinesThenTheAppendsEachOnce) {
   std::string hundred;
   for (int i = 1; i <= 100; ++i) hundred += "line " + std::to_string(i) + "\n";
-  testutil::WriteFile(daemon_.Logs().File("app.log"), hundred);
+  WriteFile(daemon_.Logs().File("app.log"), hundred);
   StartDaemon();
   StartClient({"tail", "-q", "-p", Port(), "-n", "5", "app.log"});
   ASSERT_TRUE(WaitForOutput("line 100\n")) << Err();
@@ -279,7 +277,7 @@ TEST_F(NorvaneClientTest, BacklogWritesTheLastLinesThenTheAppendsEachOnce) {
 
 // Lines written while the daemon is down arrive once; a file rotated meanwhile is announced.
 TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
-  testutil::WriteFile(daemon_.Logs().File("app.log"), "old\n");
+  WriteFile(daemon_.Logs().File("app.log"), "old\n");
   StartDaemon();
   StartClient({"tail", "-F", "-q", "-p", Port(), "app.log"});
   Synchronize("app.log");
@@ -291,7 +289,7 @@ TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
   ASSERT_TRUE(WaitForOutput("unfinished line\n")) << Err();
   ASSERT_NE(daemon_.Stop(SIGKILL), -1);
   std::filesystem::rename(daemon_.Logs().File("app.log"), daemon_.Logs().File("app.log.1"));
-  testutil::WriteFile(daemon_.Logs().File("app.log"), "rotated\n");
+  WriteFile(daemon_.Logs().File("app.log"), "rotated\n");
   daemon_.Start();
   ASSERT_TRUE(WaitForOutput("rotated\n")) << Err();
   Signal(SIGINT);
@@ -308,10 +306,10 @@ TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
 }
 
 TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesOnePerLine) {
-  testutil::WriteFile(daemon_.Logs().File("b.log"), "");
-  testutil::WriteFile(daemon_.Logs().File("a.log"), "x\n");
+  WriteFile(daemon_.Logs().File("b.log"), "");
+  WriteFile(daemon_.Logs().File("a.log"), "x\n");
   std::filesystem::create_directory(daemon_.Logs().File("sub"));
-  testutil::WriteFile(daemon_.Logs().File("sub/c.log"), "");
+  WriteFile(daemon_.Logs().File("sub/c.log"), "");
   StartDaemon();
   Outcome outcome = RunClient({"list", "--port", Port()});
   EXPECT_EQ(outcome.code, 0) << outcome.err;
@@ -330,7 +328,7 @@ TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesOnePerLine) {
 }
 
 TEST_F(NorvaneClientTest, TailWritesAppendedLinesAndCtrlCQuitsCleanly) {
-  testutil::WriteFile(daemon_.Logs().File("app.log"), "old line, not sent\n");
+  WriteFile(daemon_.Logs().File("app.log"), "old line, not sent\n");
   StartDaemon();
   StartClient({"tail", "-p", Port(), "app.log"});
   ASSERT_TRUE(WaitUntil([&] { return Err().find("following") != std::string::npos; }, seconds(15)));
@@ -354,8 +352,8 @@ TEST_F(NorvaneClientTest, TailWritesAppendedLinesAndCtrlCQuitsCleanly) {
 }
 
 TEST_F(NorvaneClientTest, TwoFilesArePrefixedAndLinesNeverInterleave) {
-  testutil::WriteFile(daemon_.Logs().File("a.log"), "");
-  testutil::WriteFile(daemon_.Logs().File("b.log"), "");
+  WriteFile(daemon_.Logs().File("a.log"), "");
+  WriteFile(daemon_.Logs().File("b.log"), "");
   StartDaemon();
   StartClient({"tail", "--port", Port(), "--crlf", "a.log", "b.log"});
   Synchronize("a.log", "sync-a");
@@ -383,7 +381,7 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
   for (const char* name : {"a.log", "b.log", "c.log", "sub/d.log"}) {
     std::filesystem::create_directories(
         std::filesystem::path(daemon_.Logs().File(name)).parent_path());
-    testutil::WriteFile(daemon_.Logs().File(name), std::string(name) + " last\n");
+    WriteFile(daemon_.Logs().File(name), std::string(name) + " last\n");
   }
   StartDaemon();
   StartClient({"tail", "-q", "-F", "-n", "1", ":" + Port() + "/*.log"});
@@ -394,13 +392,13 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
       },
       seconds(15)))
       << Out();
-  testutil::WriteFile(daemon_.Logs().File("e.log"), "e.log first\n");
+  WriteFile(daemon_.Logs().File("e.log"), "e.log first\n");
   // The daemon is asked again 8 s after the first list: a wider bound than other waits.
   ASSERT_TRUE(WaitForOutput("e.log: e.log first\n", 40)) << Err();
   Signal(SIGINT);
   const Outcome outcome = WaitClient();
   EXPECT_EQ(outcome.code, 0) << outcome.err;
-  std::vector<std::string> lines = testutil::Lines(outcome.out);
+  std::vector<std::string> lines = Lines(outcome.out);
   std::sort(lines.begin(), lines.end());
   const std::string source = Source();
   EXPECT_EQ(lines, (std::vector<std::string>{
@@ -411,8 +409,8 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
 
 // On a terminal control characters are shown escaped and source prefixes coloured.
 TEST_F(NorvaneClientTest, TerminalShowsControlCharactersEscapedAndPrefixesColoured) {
-  testutil::WriteFile(daemon_.Logs().File("a.log"), "\x1b]0;pwned\x07 title\n");
-  testutil::WriteFile(daemon_.Logs().File("b.log"), "\xc2\x9b tab\tbell\x07\n");
+  WriteFile(daemon_.Logs().File("a.log"), "\x1b]0;pwned\x07 title\n");
+  WriteFile(daemon_.Logs().File("b.log"), "\xc2\x9b tab\tbell\x07\n");
   StartDaemon();
   const std::string source = Source();
   OpenTerminal();
@@ -432,7 +430,7 @@ TEST_F(NorvaneClientTest, TerminalShowsControlCharactersEscapedAndPrefixesColour
 }
 
 TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {
-  testutil::WriteFile(daemon_.Logs().File("app.log"), "");
+  WriteFile(daemon_.Logs().File("app.log"), "");
   StartDaemon();
   const std::string daemon = "norvane: 127.0.0.1:" + Port();
   const std::string again = "\nTry 'norvane --help'.\n";

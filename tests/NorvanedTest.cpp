@@ -1,4 +1,4 @@
-// The real norvaned binary as an operator runs it (testutil::Daemon): start-up and its log, the
+// The real norvaned binary as an operator runs it (Daemon): start-up and its log, the
 // configuration check, exit statuses and signals, a whole session, and clients that try to stall
 // it, exhaust it or guess its password.
 #include <signal.h>
@@ -24,12 +24,7 @@
 
 namespace {
 
-using testutil::ChildProcess;
-using testutil::FeedPeer;
-using testutil::ReadFile;
-using testutil::seconds;
-using testutil::WaitUntil;
-using testutil::WriteFile;
+using namespace testutil;  // the shared helpers
 
 const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
 const std::string kPassword = "Kem01&*sB";
@@ -52,7 +47,7 @@ class NorvanedTest : public ::testing::Test {
     return at == std::string::npos ? -1 : std::stol(text.substr(at + 1 + field.size()));
   }
 
-  testutil::Daemon daemon_;
+  Daemon daemon_;
 };
 
 }  // namespace
@@ -66,7 +61,7 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsItsStartAndStopsOnSigterm) {
   ASSERT_TRUE(daemon_.WaitForPort());
   const std::string rule(60, '-');
   // Line by line, without the configuration's blank lines; a "*" ends a line's fixed part.
-  const std::vector<std::string> start = testutil::Lines(
+  const std::vector<std::string> start = Lines(
       rule + "\n" + Name() + " starting ...\n" + rule +
       "\nVersion Build Date: *\nCurrent Date: *\nOS version: Linux*\nPhysical Memory: *\n"
       "Directory for temporary files: /tmp\nConfiguration:\n    FileVersion=1.0\n"
@@ -94,7 +89,7 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsItsStartAndStopsOnSigterm) {
   ASSERT_LT(going_down + 1, lines.end()) << daemon_.Log();
   EXPECT_EQ(going_down[1], Name() + " shutting down");
   EXPECT_FALSE(FeedPeer(daemon_.Port()).Connected()) << "the port is still open";
-  EXPECT_FALSE(testutil::FileExists(daemon_.Home().File("Norvane.pid")));
+  EXPECT_FALSE(FileExists(daemon_.Home().File("Norvane.pid")));
 }
 
 TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndSignalsEndItAlsoDuringStartUp) {
@@ -123,7 +118,7 @@ TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndSignalsEndItAlsoDuringStart
   foreground.Signal(SIGINT);
   EXPECT_EQ(foreground.Wait(), 0);
   EXPECT_EQ(client.Receive(), "<closed>");
-  const std::vector<std::string> lines = testutil::Lines(ReadFile(late), 23);
+  const std::vector<std::string> lines = Lines(ReadFile(late), 23);
   for (const std::string& line :
        {Name() + " listening on 127.0.0.1:" + Port(), std::string("Going down on signal 2"),
         Name() + " shutting down"}) {
@@ -133,7 +128,7 @@ TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndSignalsEndItAlsoDuringStart
 
 TEST_F(NorvanedTest, StartedByBareNameKeepsTheInheritedDirectoryAndWritesNoPidFile) {
   daemon_.WriteConfig();
-  const testutil::TempDir& elsewhere = daemon_.Elsewhere();
+  const TempDir& elsewhere = daemon_.Elsewhere();
   std::filesystem::rename(daemon_.Config(), elsewhere.File("Norvane.cf"));
   const pid_t launcher = ::fork();
   if (launcher == 0) {
@@ -159,7 +154,7 @@ TEST_F(NorvanedTest, StartedByBareNameKeepsTheInheritedDirectoryAndWritesNoPidFi
   ASSERT_GT(daemon_.Pid(), 0) << "the daemon's process was not found";
   for (const std::string& file : {daemon_.Home().File("Norvane.pid"), elsewhere.File("Norvane.pid"),
                                   daemon_.Home().File("Norvane.log")}) {
-    EXPECT_FALSE(testutil::FileExists(file)) << file;
+    EXPECT_FALSE(FileExists(file)) << file;
   }
   EXPECT_EQ(daemon_.Stop(SIGTERM), 0);
   EXPECT_NE(ReadFile(elsewhere.File("Norvane.log")).find("Going down on signal 15"),
@@ -182,7 +177,7 @@ TEST_F(NorvanedTest, WithoutConfigurationItSaysSoAndRunsOnDefaultsWithoutPorts) 
 }
 
 TEST_F(NorvanedTest, StartupFailuresArePrintedAndLoggedAndEndWithStatusOneWithoutDetaching) {
-  testutil::LoopbackListener taken;
+  LoopbackListener taken;
   const std::string config = daemon_.Config();
   const std::string section =
       "FileVersion=1.0\n[SessionManager]\n[SessionManager\\Ports\\MonitoringPort]\n"
@@ -213,7 +208,7 @@ TEST_F(NorvanedTest, StartupFailuresArePrintedAndLoggedAndEndWithStatusOneWithou
     std::string logged = message;  // the log starts every entry with a capital
     logged[0] = static_cast<char>(std::toupper(logged[0]));
     EXPECT_EQ(daemon_.CountInLog(logged + "\n"), 1u) << daemon_.Log();
-    EXPECT_FALSE(testutil::FileExists(daemon_.Home().File("Norvane.pid")));
+    EXPECT_FALSE(FileExists(daemon_.Home().File("Norvane.pid")));
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a daemon detached";
   }
   // A log that cannot be created (here a link into a missing directory) is a failure too.
@@ -311,7 +306,7 @@ TEST_F(NorvanedTest, CheckPrintsWhatItWouldServeOrWhatIsWrong) {
   std::string output;
   EXPECT_EQ(daemon_.Run({"--version"}, &output), 0);
   EXPECT_EQ(output.rfind("norvaned " + FWProduct::GetVersion() + " (built ", 0), 0u) << output;
-  EXPECT_FALSE(testutil::FileExists(daemon_.Home().File("Norvane.log")));
+  EXPECT_FALSE(FileExists(daemon_.Home().File("Norvane.log")));
 }
 
 TEST_F(NorvanedTest, LogRotatesBySizeWhenMaxLogFileSizeIsSmall) {
