@@ -196,6 +196,8 @@ class NorvaneClient::Feed final {
   std::string Prefix() const;
   void FlushData();
   void Fail(int code, const std::string& text);
+  // Tells the listener, if there is one.
+  void Notify(Listener::State state, const std::string& text) const;
   void Refused(int code, const std::string& text);
   void Finish();
   void Arm();
@@ -408,12 +410,13 @@ void NorvaneClient::Feed::OnStarted(const std::string& message) {
   phase_ = Phase::kStreaming;
   has_deadline_ = false;
   retry_seconds_ = kFirstRetrySeconds;
-  if (followed_ || owner_->options_.quiet) return;
-  followed_ = true;
   std::string path = message.substr(std::strlen(kStarted));
   path.resize(path.size() - (EndsWith(path, "\r\n") ? 2 : 0));
   // No real path is longer; a hostile daemon's text is cut like a quoted reply.
   if (path.size() > kMaxPathBytes) path = path.substr(0, kMaxPathBytes) + " (cut)";
+  Notify(Listener::State::kFollowing, "following " + Escape(path, false));
+  if (followed_ || owner_->options_.quiet) return;
+  followed_ = true;
   owner_->WriteErr("norvane: " + Where() + ": following " + path + "\n");
 }
 
@@ -432,11 +435,15 @@ void NorvaneClient::Feed::OnFeed(const std::string& message) {
   head >> note;
   position_ = std::to_string(dev) + " " + std::to_string(ino) + " " + std::to_string(offset);
   if (!note.empty() && note != "continued") FlushData();
+  std::string notice;
   if (note == "rotated" || note == "truncated") {
-    owner_->WriteErr("norvane: " + Where() + ": the file was " + note +
-                     " meanwhile; following it from its first byte\n");
+    notice = "the file was " + note + " meanwhile; following it from its first byte";
   } else if (note == "gone") {
-    owner_->WriteErr("norvane: " + Where() + ": the file is gone; following it once it appears\n");
+    notice = "the file is gone; following it once it appears";
+  }
+  if (!notice.empty()) {
+    owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
+    Notify(Listener::State::kNotice, notice);
   }
   AddData(message.substr(end + 2));
 }
@@ -471,11 +478,11 @@ void NorvaneClient::Feed::OnReply(const std::string& message) {
 // An older daemon: warned once per feed, which then uses the original "start" for good.
 void NorvaneClient::Feed::OnExtensionRefused() {
   extensions_ = false;
-  owner_->WriteErr(
-      "norvane: " + Where() +
-      ": the daemon has no backlog or resume extension; following new lines only" +
-      (owner_->options_.retry ? ", and a reconnection will miss what was written meanwhile" : "") +
-      "\n");
+  const std::string notice =
+      std::string("the daemon has no backlog or resume extension; following new lines only") +
+      (owner_->options_.retry ? ", and a reconnection will miss what was written meanwhile" : "");
+  owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
+  Notify(Listener::State::kNotice, notice);
   Send(StartCommand());
 }
 
@@ -582,6 +589,10 @@ void NorvaneClient::Feed::AddData(const std::string& message) {
     }
     text = FWStringUtils::Convert2Unix(text);
   }
+  if (owner_->options_.listener != nullptr) {
+    owner_->options_.listener->OnData(target_, text, false);
+    return;
+  }
   text = Shown(text);
   if (!prefixed_) {
     owner_->WriteOut(text);
@@ -601,6 +612,11 @@ void NorvaneClient::Feed::AddData(const std::string& message) {
 // The end of a source: a held "\r" and an unfinished last line are written as they are; a
 // prefixed line gets its line end so that the next source's line starts on a line of its own.
 void NorvaneClient::Feed::FlushData() {
+  if (owner_->options_.listener != nullptr) {
+    if (mode_ == Mode::kTail) owner_->options_.listener->OnData(target_, carry_, true);
+    carry_.clear();
+    return;
+  }
   std::string rest = Shown(carry_) + partial_;
   carry_.clear();
   partial_.clear();
@@ -628,13 +644,20 @@ void NorvaneClient::Feed::Fail(int code, const std::string& text) {
   }
   FlushData();
   owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
+  Notify(Listener::State::kEnded, text);
   if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
   Finish();
+}
+
+void NorvaneClient::Feed::Notify(Listener::State state, const std::string& text) const {
+  if (owner_->options_.listener != nullptr)
+    owner_->options_.listener->OnState(target_, state, text);
 }
 
 // A refusal leaves a working connection: it is ended with "quit" like any other.
 void NorvaneClient::Feed::Refused(int code, const std::string& text) {
   owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
+  Notify(Listener::State::kEnded, text);
   if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
   phase_ = Phase::kClosing;
   RequestStop();
@@ -642,8 +665,10 @@ void NorvaneClient::Feed::Refused(int code, const std::string& text) {
 
 // The unfinished last line is kept: a resumed feed completes it.
 void NorvaneClient::Feed::Retry(const std::string& text) {
-  owner_->WriteErr("norvane: " + Where() + ": " + text + "; connecting again in " +
-                   std::to_string(retry_seconds_) + " s\n");
+  const std::string notice =
+      text + "; connecting again in " + std::to_string(retry_seconds_) + " s";
+  owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
+  Notify(Listener::State::kReconnecting, notice);
   Reset();
   phase_ = Phase::kWaiting;
   has_deadline_ = true;
@@ -847,17 +872,33 @@ void NorvaneClient::ExpandPatterns() {
       target.file = name;
       feeds_.push_back(std::make_unique<Feed>(this, Mode::kTail, target, true));
       if (pattern.listed_once) {
-        WriteErr("norvane: " + Label(target).substr(0, Label(target).size() - 2) +
-                 ": new file matching " + Quoted(where.file) + "\n");
+        const std::string notice = "new file matching " + Quoted(where.file);
+        WriteErr("norvane: " + Label(target).substr(0, Label(target).size() - 2) + ": " + notice +
+                 "\n");
+        if (options_.listener != nullptr) {
+          options_.listener->OnState(target, Listener::State::kNotice, notice);
+        }
         feeds_.back()->FollowFromStart();
       }
       feeds_.back()->Start();
       ++added;
     }
-    if (!pattern.listed_once && pattern.followed.empty() && !options_.retry) {
-      WriteErr("norvane: " + Label(where).substr(0, Label(where).size() - 2) +
-               ": no file matches; `norvane list` shows the files the daemon offers\n");
+    const bool none = pattern.followed.empty();
+    const std::string none_text =
+        "no file matches; `norvane list` shows the files the daemon offers";
+    if (!pattern.listed_once && none && !options_.retry) {
+      WriteErr("norvane: " + Label(where).substr(0, Label(where).size() - 2) + ": " + none_text +
+               "\n");
       if (first_failure_ == kExitOk) first_failure_ = kExitNotOffered;
+    }
+    if (options_.listener != nullptr) {
+      const bool ended = none && !options_.retry;
+      const std::size_t count = pattern.followed.size();
+      options_.listener->OnState(
+          where, ended ? Listener::State::kEnded : Listener::State::kFollowing,
+          none ? none_text
+               : std::to_string(count) + (count == 1 ? " matching file" : " matching files") +
+                     " followed");
     }
     pattern.listed_once = true;
     if (options_.retry) pattern.lister->ListAgain(kRelistSeconds);

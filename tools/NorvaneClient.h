@@ -50,6 +50,20 @@ class NorvaneClient final {
     std::string file;
   };
 
+  // Receives what a tail run delivers, for a program that shows it elsewhere than on the output
+  // descriptors (norvane web). Called on the thread of Run.
+  class Listener {
+   public:
+    enum class State { kFollowing, kNotice, kReconnecting, kEnded };
+    virtual ~Listener() = default;
+    // Data of a source with "\n" line ends, never escaped. end: the source's unfinished last line
+    // ends here (the source ended, or its file was replaced).
+    virtual void OnData(const Target& source, const std::string& text, bool end) = 0;
+    // A source's state, or a notice about it; text is what the error output says after
+    // "norvane: SOURCE: ". A pattern's source reports its listing ("3 files match").
+    virtual void OnState(const Target& source, State state, const std::string& text) = 0;
+  };
+
   struct Options {
     std::string user = kDefaultUser;
     std::string password;
@@ -72,6 +86,9 @@ class NorvaneClient final {
     bool escape = false;
     // Colour each source's prefix (for a terminal).
     bool colour = false;
+    // Tail: receives the data instead of the output descriptor, and every change of state (not
+    // owned; it must outlive Run). The error output still gets every message.
+    Listener* listener = nullptr;
   };
 
   static constexpr int kMaxBacklogLines = 10000;
