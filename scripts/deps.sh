@@ -1,21 +1,26 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, only when one is missing.
-# Sourced by run.sh and test.sh; usable on its own: bash scripts/deps.sh
+# Sourced by run.sh and test.sh; usable on its own: bash scripts/deps.sh [test]
 set -euo pipefail
 
-NORVANE_PACKAGES=(g++ cmake make zlib1g-dev libgtest-dev libgmock-dev libssl-dev clang-format
-  dpkg-dev)
+NORVANE_PACKAGES=(g++ cmake make pkg-config zlib1g-dev libcpp-httplib-dev libgtest-dev
+  libgmock-dev libssl-dev clang-format dpkg-dev)
+# Only for the tests: the browser that the web view's test drives, and the script that drives it.
+NORVANE_TEST_PACKAGES=(chromium python3)
 
+# norvane_install_deps [test]: the build packages, and with "test" the test packages as well.
 norvane_install_deps() {
+  local wanted=("${NORVANE_PACKAGES[@]}")
+  if [ "${1:-}" = test ]; then wanted+=("${NORVANE_TEST_PACKAGES[@]}"); fi
   local missing=()
   local pkg
-  for pkg in "${NORVANE_PACKAGES[@]}"; do
+  for pkg in "${wanted[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
       missing+=("$pkg")
     fi
   done
   if [ ${#missing[@]} -eq 0 ]; then
-    echo "==> Build dependencies present: ${NORVANE_PACKAGES[*]}"
+    echo "==> Dependencies present: ${wanted[*]}"
     return 0
   fi
   echo "==> Installing missing packages: ${missing[*]}"
@@ -26,5 +31,5 @@ norvane_install_deps() {
 }
 
 if [ "${BASH_SOURCE[0]}" = "$0" ]; then
-  norvane_install_deps
+  norvane_install_deps "$@"
 fi

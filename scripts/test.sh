@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-norvane_install_deps
+norvane_install_deps test
 
 jobs=$(nproc 2>/dev/null || echo 2)
 

@@ -1,6 +1,8 @@
 // norvane: the command-line client of norvaned. Parses the arguments, finds the password, turns
-// SIGINT and SIGTERM into a clean stop and runs NorvaneClient; its result is the exit code.
+// SIGINT and SIGTERM into a clean stop and runs NorvaneClient (for web with a NorvaneWeb gateway
+// as its listener); its result is the exit code.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <termios.h>
@@ -14,11 +16,13 @@
 
 #include "FWProduct.h"
 #include "NorvaneClient.h"
+#include "NorvaneWeb.h"
 
 namespace {
 
 constexpr const char* kHelp = R"(Usage: norvane list [OPTIONS] [HOST[:PORT]]...
        norvane tail [OPTIONS] [HOST:PORT/]FILE...
+       norvane web [--listen ADDR:PORT] [OPTIONS] [HOST:PORT/]FILE...
        norvane --help | --version
 
 Commands
@@ -32,6 +36,12 @@ Commands
           With more than one FILE every line is prefixed with its source, "HOST:PORT/FILE: ",
           and lines of different sources never mix; the unfinished last line of a source is
           written (with a line end) when that source ends.
+  web     Follow files as tail does (same targets, -n, -F) and show them live in a browser:
+          serves one page on 127.0.0.1:8080 (see --listen), with each source in its own
+          colour and state, a filter (text or regular expression, case, inverted) kept in the
+          address, pause, and the last 20000 lines. Prints the address to open; runs until
+          Ctrl-C or SIGTERM. When every feed has ended the page stays up to show why.
+          From elsewhere: ssh -L 8080:127.0.0.1:8080 HOST, then open http://127.0.0.1:8080/
 
 Targets
   FILE is a name as `norvane list` prints it (it may contain "/" for files in subdirectories)
@@ -78,6 +88,12 @@ Options
                          as \xHH (a log line cannot retitle or garble the terminal)
       --crlf             keep the "\r\n" line ends as received
   -q, --quiet            do not report on standard error which file is being followed
+      --listen ADDR:PORT web: where to serve the page (127.0.0.1:8080; [::1]:PORT for IPv6,
+                         port 0 for any free one). An address other than loopback needs a
+                         token: without --web-token one is generated and printed
+      --web-token TOKEN  web: the token that every request must carry, as ?token=TOKEN in the
+                         address opened (kept in a cookie then) or as "Authorization: Bearer";
+                         8 to 256 letters, digits and - . _ ~. Prefer NORVANE_WEB_TOKEN
   -h, --help             show this help
       --version          show the version
 
@@ -102,13 +118,17 @@ Exit codes
      or a pattern that matches none of its files
   6  the daemon stopped answering: no reply within the time-out, or keepalive probes unanswered
   7  the daemon broke the protocol (unexpected reply or corrupt frame)
+  8  web: the page's address cannot be listened on
 )";
 
-// The write end of the stop pipe, for the signal handler (the only state a handler may touch).
+// The write end of the stop pipe, for the signal handler (the only state a handler may touch),
+// and whether a stop was asked for.
 volatile sig_atomic_t stop_write_fd = -1;
+volatile sig_atomic_t stop_requested = 0;
 
 void OnStopSignal(int /*sig*/) {
   const int saved = errno;
+  stop_requested = 1;
   const char byte = 's';
   if (stop_write_fd >= 0) (void)!::write(stop_write_fd, &byte, 1);
   errno = saved;
@@ -124,6 +144,7 @@ struct Arguments {
   NorvaneClient::Options options;
   bool password_given = false;
   bool help = false;
+  NorvaneWeb::Settings web;
 };
 
 int Usage(const std::string& text) {
@@ -171,6 +192,15 @@ std::string ApplyOption(const std::string& name, const std::string& value, Argum
                : "bad line count: " + value + " (expected 0 to " +
                      std::to_string(NorvaneClient::kMaxBacklogLines) + ")";
   }
+  if (name == "--listen") {
+    std::string error;
+    return NorvaneWeb::ParseListen(value, &args->web, &error) ? "" : error;
+  }
+  if (name == "--web-token") {
+    args->web.token = value;
+    const std::string problem = NorvaneWeb::TokenProblem(value);
+    return problem.empty() ? "" : "bad --web-token: " + problem;
+  }
   if (name == "--timeout") {
     return ParseSeconds(value, 1, &args->options.timeout_seconds) ? "" : "bad time-out: " + value;
   }
@@ -193,7 +223,8 @@ std::string LongName(const std::string& option) {
 
 bool TakesValue(const std::string& name) {
   return name == "--host" || name == "--port" || name == "--user" || name == "--password" ||
-         name == "--timeout" || name == "--keepalive" || name == "--lines" || name == "--color";
+         name == "--timeout" || name == "--keepalive" || name == "--lines" || name == "--color" ||
+         name == "--listen" || name == "--web-token";
 }
 
 // Handles argv[*i] (an option); advances *i past a separate value. "" or the complaint.
@@ -244,16 +275,25 @@ std::string ParseArguments(int argc, char** argv, Arguments* args) {
     }
   }
   if (args->help || args->version) return "";
-  if (args->command != "list" && args->command != "tail") {
+  if (args->command != "list" && args->command != "tail" && args->command != "web") {
     return args->command.empty() ? "no command given" : "unknown command " + args->command;
   }
-  if (args->command == "tail" && args->targets.empty()) return "tail needs at least one FILE";
+  if (args->command != "list" && args->targets.empty()) {
+    return args->command + " needs at least one FILE";
+  }
+  if (args->command == "web" && args->web.token.empty()) {
+    if (const char* env = std::getenv("NORVANE_WEB_TOKEN"); env != nullptr && *env != '\0') {
+      args->web.token = env;
+      const std::string problem = NorvaneWeb::TokenProblem(env);
+      if (!problem.empty()) return "bad NORVANE_WEB_TOKEN: " + problem;
+    }
+  }
   return "";
 }
 
 // "" when every target parses, else the complaint.
 std::string ParseTargets(const Arguments& args, std::vector<NorvaneClient::Target>* targets) {
-  const bool tail = args.command == "tail";
+  const bool tail = args.command != "list";
   std::string error;
   for (const std::string& text : args.targets) {
     NorvaneClient::Target target;
@@ -342,6 +382,37 @@ bool InstallStopSignals(int fds[2]) {
   return ::sigaction(SIGINT, &action, nullptr) == 0 && ::sigaction(SIGTERM, &action, nullptr) == 0;
 }
 
+// norvane web: the gateway serves while the client runs with it as its listener. When every feed
+// has ended without a stop request, the page stays up to show why until one comes.
+int RunWeb(Arguments* args, const std::vector<NorvaneClient::Target>& targets, int stop_fd) {
+  NorvaneWeb::Settings settings = args->web;
+  settings.backlog_lines = args->options.backlog_lines;
+  const bool generated = settings.token.empty() && !NorvaneWeb::IsLoopback(settings.host);
+  if (generated) settings.token = NorvaneWeb::NewToken();
+  NorvaneWeb web(settings, targets);
+  std::string error;
+  if (!web.Listen(&error)) {
+    std::fprintf(stderr, "norvane: cannot listen on %s:%d for the web view: %s\n",
+                 settings.host.c_str(), settings.port, error.c_str());
+    return NorvaneWeb::kExitListen;
+  }
+  web.Start();
+  std::fprintf(stderr, "norvane: web view on %s%s (Ctrl-C stops)\n", web.Url().c_str(),
+               generated ? " (a generated token; --web-token sets one)" : "");
+  NorvaneClient::Options options = args->options;
+  options.listener = &web;
+  options.keep_crlf = false;
+  NorvaneClient client(NorvaneClient::Mode::kTail, targets, options, STDOUT_FILENO, STDERR_FILENO);
+  const int code = client.Run(stop_fd);
+  if (stop_requested == 0) {
+    std::fprintf(stderr, "norvane: every feed has ended; the page stays up until Ctrl-C\n");
+    pollfd entry{stop_fd, POLLIN, 0};
+    while (stop_requested == 0) (void)::poll(&entry, 1, -1);
+  }
+  web.Stop();
+  return code;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -377,6 +448,7 @@ int main(int argc, char** argv) {
       FindPassword(args, stop_fds[0], &args.options, &interrupted);
   if (!password_complaint.empty()) return Usage(password_complaint);
   if (interrupted) return NorvaneClient::kExitOk;
+  if (args.command == "web") return RunWeb(&args, targets, stop_fds[0]);
   const NorvaneClient::Mode mode =
       args.command == "list" ? NorvaneClient::Mode::kList : NorvaneClient::Mode::kTail;
   NorvaneClient client(mode, targets, args.options, STDOUT_FILENO, STDERR_FILENO);
