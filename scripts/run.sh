@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job: builds norvaned and the norvane client (installing what is missing), starts the
-# daemon on 127.0.0.1 serving a demo directory in which a log grows a few lines a second, and
-# follows that log live with the client. Ctrl-C, or --seconds N, stops both cleanly.
+# daemon on 127.0.0.1 serving a demo directory in which a log grows a few lines a second, follows
+# that log live with the client in the terminal, and shows it in a browser with `norvane web`.
+# Ctrl-C, or --seconds N, stops everything cleanly.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -40,14 +41,17 @@ IncomingPort=$port
 DocumentRoot=$demo/logs
 Password=$password
 EOF
+chmod 600 "$demo/Norvane.cf"  # it holds the password
 : > "$demo/logs/app.log"
 
 writer=""
 client=""
+web=""
 daemon=""
 cleanup() {
   trap - EXIT INT TERM
   [ -n "$client" ] && kill -INT "$client" 2>/dev/null && wait "$client" 2>/dev/null || true
+  [ -n "$web" ] && kill -INT "$web" 2>/dev/null && wait "$web" 2>/dev/null || true
   [ -n "$writer" ] && kill "$writer" 2>/dev/null || true
   if [ -n "$daemon" ] && kill -TERM "$daemon" 2>/dev/null; then
     for _ in $(seq 50); do kill -0 "$daemon" 2>/dev/null || break; sleep 0.1; done
@@ -75,6 +79,17 @@ for _ in $(seq 100); do grep -q " listening on " "$demo/Norvane.log" 2>/dev/null
   done
 ) &
 writer=$!
+
+# The web view, on 127.0.0.1 from port 8080 upwards.
+webport=8080
+while (exec 3<>"/dev/tcp/127.0.0.1/$webport") 2>/dev/null; do webport=$((webport + 1)); done
+NORVANE_PASSWORD="$password" build/norvane web -q -n 100 -F --port "$port" \
+  --listen "127.0.0.1:$webport" app.log 2> "$demo/web.log" &
+web=$!
+for _ in $(seq 100); do grep -q "web view on" "$demo/web.log" 2>/dev/null && break; sleep 0.1; done
+echo "==> Web view on http://127.0.0.1:$webport/ with: norvane web -n 100 -F --port $port" \
+  "--listen 127.0.0.1:$webport app.log"
+echo "    From another machine: ssh -L $webport:127.0.0.1:$webport $(hostname), then open it there"
 
 echo "==> Following app.log with: norvane tail -n 5 -F --port $port app.log  (Ctrl-C stops)"
 NORVANE_PASSWORD="$password" build/norvane tail -n 5 -F --port "$port" app.log &
