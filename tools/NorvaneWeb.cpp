@@ -354,9 +354,7 @@ bool NorvaneWeb::Pump(Cursor* cursor, httplib::DataSink& sink) {
       }
       chunk = "retry: " + std::to_string(kRetryMs) + "\nevent: hello\ndata: {\"instance\":\"" +
               instance_ + "\",\"version\":" + JsonString(FWProduct::GetVersion()) +
-              ",\"maxLines\":" + std::to_string(kMaxLines) +
-              ",\"backlog\":" + std::to_string(settings_.backlog_lines) + ",\"sources\":[" +
-              sources + "]}\n\n";
+              ",\"maxLines\":" + std::to_string(kMaxLines) + ",\"sources\":[" + sources + "]}\n\n";
     }
     chunk += Batch(cursor);
   }
@@ -414,6 +412,19 @@ void NorvaneWeb::OnState(const NorvaneClient::Target& source, State state,
     } else if (entry.state != StateName(state) || entry.text != text) {
       entry.state = StateName(state);
       entry.text = text;
+      Push(SourceJson(index), false);
+    }
+  }
+  changed_.notify_all();
+}
+
+void NorvaneWeb::EndAll(const std::string& text) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (std::size_t index = 0; index < sources_.size(); ++index) {
+      if (sources_[index].state == "ended") continue;
+      sources_[index].state = "ended";
+      sources_[index].text = text;
       Push(SourceJson(index), false);
     }
   }

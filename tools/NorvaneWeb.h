@@ -45,8 +45,6 @@ class NorvaneWeb final : public NorvaneClient::Listener {
     int port = kDefaultPort;  // 0: any free port
     // Checked on every request when not empty.
     std::string token;
-    // -n of the run, for the page.
-    int backlog_lines = -1;
   };
 
   // "HOST:PORT", "[IPV6]:PORT" or ":PORT" (the default host); PORT 0 takes any free port. False
@@ -74,6 +72,9 @@ class NorvaneWeb final : public NorvaneClient::Listener {
   void Start();
   // Ends every stream and the server; waits for its threads.
   void Stop();
+
+  // The run is over: every source that has not ended yet ends with text.
+  void EndAll(const std::string& text);
 
   void OnData(const NorvaneClient::Target& source, const std::string& text, bool end) override;
   void OnState(const NorvaneClient::Target& source, State state, const std::string& text) override;

@@ -386,7 +386,6 @@ bool InstallStopSignals(int fds[2]) {
 // has ended without a stop request, the page stays up to show why until one comes.
 int RunWeb(Arguments* args, const std::vector<NorvaneClient::Target>& targets, int stop_fd) {
   NorvaneWeb::Settings settings = args->web;
-  settings.backlog_lines = args->options.backlog_lines;
   const bool generated = settings.token.empty() && !NorvaneWeb::IsLoopback(settings.host);
   if (generated) settings.token = NorvaneWeb::NewToken();
   NorvaneWeb web(settings, targets);
@@ -397,14 +396,15 @@ int RunWeb(Arguments* args, const std::vector<NorvaneClient::Target>& targets, i
     return NorvaneWeb::kExitListen;
   }
   web.Start();
-  std::fprintf(stderr, "norvane: web view on %s%s (Ctrl-C stops)\n", web.Url().c_str(),
-               generated ? " (a generated token; --web-token sets one)" : "");
+  std::fprintf(stderr, "norvane: web view on %s (Ctrl-C stops%s)\n", web.Url().c_str(),
+               generated ? "; a generated token, --web-token sets one" : "");
   NorvaneClient::Options options = args->options;
   options.listener = &web;
   options.keep_crlf = false;
   NorvaneClient client(NorvaneClient::Mode::kTail, targets, options, STDOUT_FILENO, STDERR_FILENO);
   const int code = client.Run(stop_fd);
   if (stop_requested == 0) {
+    web.EndAll(code == NorvaneClient::kExitOk ? "stopped" : "stopped after another's failure");
     std::fprintf(stderr, "norvane: every feed has ended; the page stays up until Ctrl-C\n");
     pollfd entry{stop_fd, POLLIN, 0};
     while (stop_requested == 0) (void)::poll(&entry, 1, -1);
