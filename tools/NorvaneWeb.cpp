@@ -234,11 +234,11 @@ void NorvaneWeb::Stop() {
   }
   changed_.notify_all();
   if (!thread_.joinable()) return;
-  // A stop before the server runs is lost, so it is repeated until the server has ended.
-  while (!served_) {
-    server_->stop();
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  // A stop before the server runs would be lost; once it runs, one stop ends it.
+  while (!served_ && !server_->is_running()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  if (!served_) server_->stop();
   thread_.join();
 }
 
