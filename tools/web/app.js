@@ -18,6 +18,7 @@
   const records = [];  // what the view shows, oldest first: {el, textEl, source, text, sys, marked}
   let pending = [];    // arrived, shown at the next render
   let held = [];       // arrived while paused
+  let heldLines = 0;   // lines among them, dropped ones included
   let heldDropped = 0;
   let paused = false;
   let follow = true;
@@ -140,18 +141,23 @@
     rec.textEl = textEl;
   }
 
+  // Keeps the last maxLines of a queue, at once when exact, else in bulk so that adding stays
+  // cheap. Returns how many lines it dropped.
+  function trim(queue, exact) {
+    if (queue.length <= (exact ? maxLines : 2 * maxLines)) return 0;
+    return queue.splice(0, queue.length - maxLines).filter((rec) => !rec.sys).length;
+  }
+
   function add(rec) {
     if (paused) {
       held.push(rec);
-      if (held.length > maxLines) {
-        held.shift();
-        heldDropped++;
-      }
+      if (!rec.sys) heldLines++;
+      heldDropped += trim(held, false);
       updatePause();
       return;
     }
     pending.push(rec);
-    if (pending.length > maxLines) pending.shift();
+    trim(pending, false);
     if (!renderTimer) renderTimer = setTimeout(render, 40);
   }
 
@@ -161,7 +167,7 @@
 
   function render() {
     renderTimer = 0;
-    const batch = pending;
+    const batch = pending.length > maxLines ? pending.slice(-maxLines) : pending;
     pending = [];
     if (batch.length === 0) return;
     // A scroll whose event has not arrived yet counts too.
@@ -206,8 +212,7 @@
   function updatePause() {
     pauseEl.classList.toggle('paused', paused);
     pauseEl.setAttribute('aria-pressed', String(paused));
-    const lines = held.filter((rec) => !rec.sys).length;
-    pauseEl.textContent = paused ? `Resume \u00b7 ${lines} new` : 'Pause';
+    pauseEl.textContent = paused ? `Resume \u00b7 ${heldLines} new` : 'Pause';
   }
 
   function updateCounts() {
@@ -229,15 +234,16 @@
 
   // ---- Sources ----
   function shortNames() {
-    const daemons = new Set(sources.map((s) => s.label.slice(0, s.label.indexOf('/'))));
+    const known = sources.filter(Boolean);  // a page that fell behind may have missed one
+    const daemons = new Set(known.map((s) => s.label.slice(0, s.label.indexOf('/'))));
     let longest = 4;
-    for (const source of sources) {
+    for (const source of known) {
       source.name = daemons.size > 1 ? source.label : source.label.slice(source.label.indexOf('/') + 1);
       if (!source.pattern) longest = Math.max(longest, source.name.length);
     }
     logEl.style.setProperty('--source-width', Math.min(longest, 24) + 'ch');
     logEl.style.setProperty('--source-width-narrow', Math.min(longest, 10) + 'ch');
-    logEl.classList.toggle('single', sources.filter((s) => !s.pattern).length <= 1);
+    logEl.classList.toggle('single', known.filter((s) => !s.pattern).length <= 1);
   }
 
   function drawChip(source) {
@@ -336,12 +342,15 @@
   function setPaused(on) {
     paused = on;
     if (!paused) {
-      if (heldDropped > 0) {
-        pending.push(makeRecord(-1, `${heldDropped} lines dropped while paused: only the last ${maxLines} are kept`, true, 'notice'));
-        heldDropped = 0;
-      }
+      heldDropped += trim(held, true);
       pending.push(...held);
       held = [];
+      if (heldDropped > 0) {
+        // Last, where it is seen: the lines before it were only the last ones.
+        pending.push(makeRecord(-1, `${heldDropped} earlier lines dropped while paused: only the last ${maxLines} are kept`, true, 'notice'));
+        heldDropped = 0;
+      }
+      heldLines = 0;
       render();
     }
     updatePause();
