@@ -5,8 +5,10 @@ set -euo pipefail
 
 NORVANE_PACKAGES=(g++ cmake make pkg-config zlib1g-dev libcpp-httplib-dev libgtest-dev
   libgmock-dev libssl-dev clang-format dpkg-dev)
-# Only for the tests: the browser that the web view's test drives, and the script that drives it.
-NORVANE_TEST_PACKAGES=(chromium python3)
+# Only for the tests: the browser that the web view's test drives, and the script that drives it;
+# clang, libclang-rt-dev (libFuzzer and the sanitizer runtimes) and llvm (llvm-symbolizer, for
+# readable stacks), which build and run the fuzzers in fuzz/.
+NORVANE_TEST_PACKAGES=(chromium python3 clang libclang-rt-dev llvm)
 
 # norvane_install_deps [test]: the build packages, and with "test" the test packages as well.
 norvane_install_deps() {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test twice: a plain build with warnings as errors, then a
-# build under AddressSanitizer and UndefinedBehaviorSanitizer. Also checks the source format.
+# build under AddressSanitizer and UndefinedBehaviorSanitizer. Also checks the source format, and
+# runs each fuzzer of fuzz/ briefly (25 s, two at a time): a finding fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -24,4 +25,6 @@ cmake --build build-asan -j "$jobs"
 echo "==> Tests (sanitizer build)"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+echo "==> Fuzzers (scripts/fuzz.sh; run it with -t SECONDS for longer runs)"
+bash scripts/fuzz.sh -t 25 -j "$jobs"
 echo "==> All tests passed in both builds"
