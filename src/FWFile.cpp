@@ -93,11 +93,22 @@ void FWDirectory::Close() {
   dir_ = nullptr;
 }
 
-// strerror_r (the GNU form, which returns the text) rather than strerror: the worker thread uses
-// this too.
+namespace {
+
+// The two forms of strerror_r: the GNU one returns the text (in buffer or a static string), the
+// POSIX one fills buffer and returns 0 or an error number. The C library declares one of them,
+// so the other overload goes unused.
+[[maybe_unused]] const char* StrerrorText(const char* text, const char* /*buffer*/) { return text; }
+[[maybe_unused]] const char* StrerrorText(int result, const char* buffer) {
+  return result == 0 ? buffer : "Unknown error";
+}
+
+}  // namespace
+
+// strerror_r rather than strerror, whose buffer is shared: the worker thread uses this too.
 std::string GetErrorMessage(int error) {
-  char buffer[256];
-  const std::string text = ::strerror_r(error, buffer, sizeof(buffer));
+  char buffer[256] = {};
+  const std::string text = StrerrorText(::strerror_r(error, buffer, sizeof(buffer)), buffer);
   return FWStringUtils::TrimLeft(FWStringUtils::TrimRight(text));
 }
 

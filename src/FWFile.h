@@ -47,7 +47,8 @@ class FWDirectory {
   DIR* dir_ = nullptr;  // owned
 };
 
-// strerror(error) without leading or trailing white space.
+// The system's text for the error number (strerror) without leading or trailing white space.
+// Thread-safe (strerror_r): the one errno-to-text helper of the project.
 std::string GetErrorMessage(int error);
 // Runs "rm -rf <directory>/" and returns true when its status is 0. The service does not call it.
 bool DeleteDir(const char* directory);

@@ -10,6 +10,7 @@
 
 #include "FWDescriptor.h"
 #include "FWException.h"
+#include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 
@@ -112,11 +113,6 @@ bool WaitReady(int fd, short events, Clock::time_point deadline) {
   }
 }
 
-std::string ErrorText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
 // "HTTP/<version> 200" with or without a reason phrase.
 bool IsOkStatus(const std::string& status) {
   const std::size_t space = status.find(' ');
@@ -158,7 +154,7 @@ bool UpdateCheck::FetchNewestVersion(std::string& version) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) {
     const int error = errno;
-    return Fail("(socket) " + ErrorText(error));
+    return Fail("(socket) " + GetErrorMessage(error));
   }
   const FWDescriptor check_socket(fd);
   if (!ConnectWithin(fd, address)) return false;
@@ -199,7 +195,8 @@ bool UpdateCheck::ConnectWithin(int fd, const sockaddr_in& address) {
   int error = 0;
   socklen_t length = sizeof(error);
   if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
-  if (error != 0) return Fail("cannot connect to " + Peer() + ": (connect) " + ErrorText(error));
+  if (error != 0)
+    return Fail("cannot connect to " + Peer() + ": (connect) " + GetErrorMessage(error));
   return true;
 }
 

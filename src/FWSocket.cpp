@@ -14,6 +14,7 @@
 
 #include "FWDescriptor.h"
 #include "FWException.h"
+#include "FWFile.h"
 #include "FWStringUtils.h"
 
 namespace {
@@ -40,12 +41,6 @@ constexpr unsigned kSendLine = 413;
 // The resolver configuration is a few lines; anything bigger is not one.
 constexpr std::size_t kResolverConfigLimit = 100000;
 
-// strerror_r (GNU form) so that the text is safe to build on the worker thread as well.
-std::string ErrorText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
 bool IsTransient(int error) { return error == EINTR || error == EAGAIN || error == EWOULDBLOCK; }
 
 std::string Dotted(const in_addr& address) {
@@ -71,7 +66,7 @@ int FWSocketManager::Accept(int listening) const {
   const int fd = ::accept(listening, nullptr, nullptr);
   if (fd < 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kAcceptLine, "accept", ErrorText(error));
+    throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error));
   }
   return fd;
 }
@@ -85,7 +80,7 @@ int FWSocketManager::AcceptNonBlocking(int listening, int& error) const {
   error = errno;
   const bool nothing_pending = IsTransient(error) || error == ECONNABORTED || error == EPROTO;
   if (nothing_pending || IsResourceShortage(error)) return -1;
-  throw FWESocketError(kSource, kAcceptLine, "accept", ErrorText(error));
+  throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error));
 }
 
 bool FWSocketManager::IsResourceShortage(int error) {
@@ -116,7 +111,7 @@ void FWSocketManager::AddressCreate(sockaddr_in& address, const std::string& ser
   const servent* service = getservbyname(port.c_str(), protocol.c_str());
   if (service == nullptr) {
     const int error = errno;
-    throw FWESocketError(kSource, kServiceNotFoundLine, port, ErrorText(error));
+    throw FWESocketError(kSource, kServiceNotFoundLine, port, GetErrorMessage(error));
   }
   // s_port holds the 16-bit port already in network order.
   address.sin_port = static_cast<in_port_t>(service->s_port);
@@ -126,7 +121,7 @@ void FWSocketManager::AddressOfPeer(sockaddr_in& address, int socket) const {
   socklen_t length = sizeof(address);
   if (::getpeername(socket, AsSockaddr(address), &length) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kPeerNameLine, "getpeername", ErrorText(error));
+    throw FWESocketError(kSource, kPeerNameLine, "getpeername", GetErrorMessage(error));
   }
 }
 
@@ -134,7 +129,7 @@ void FWSocketManager::AddressOfSocket(sockaddr_in& address, int socket) const {
   socklen_t length = sizeof(address);
   if (::getsockname(socket, AsSockaddr(address), &length) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kSocketNameLine, "getsockname", ErrorText(error));
+    throw FWESocketError(kSource, kSocketNameLine, "getsockname", GetErrorMessage(error));
   }
 }
 
@@ -144,7 +139,7 @@ void FWSocketManager::Bind(int socket, const sockaddr_in& address) const {
   (void)::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
   if (::bind(socket, AsSockaddr(address), sizeof(address)) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kBindLine, "bind", ErrorText(error));
+    throw FWESocketError(kSource, kBindLine, "bind", GetErrorMessage(error));
   }
 }
 
@@ -161,7 +156,7 @@ void FWSocketManager::Connect(int socket, const sockaddr_in& address) const {
     error = errno;
   } while (result != 0 && error == EINTR);
   if (result == 0 || error == EINPROGRESS) return;
-  throw FWESocketError(kSource, kConnectLine, "connect", ErrorText(error));
+  throw FWESocketError(kSource, kConnectLine, "connect", GetErrorMessage(error));
 }
 
 int FWSocketManager::CreateSocket(const std::string& protocol) const {
@@ -173,7 +168,7 @@ int FWSocketManager::CreateSocket(const std::string& protocol) const {
   const int fd = ::socket(AF_INET, type, entry->p_proto);
   if (fd < 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kSocketLine, "socket", ErrorText(error));
+    throw FWESocketError(kSource, kSocketLine, "socket", GetErrorMessage(error));
   }
   return fd;
 }
@@ -265,7 +260,7 @@ void FWSocketManager::Listen(int socket, unsigned int backlog) const {
   const int limited = static_cast<int>(std::min<unsigned int>(backlog, INT_MAX));
   if (::listen(socket, limited) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kListenLine, "listen", ErrorText(error));
+    throw FWESocketError(kSource, kListenLine, "listen", GetErrorMessage(error));
   }
 }
 
@@ -300,7 +295,7 @@ int FWSocketManager::Recv(int socket, std::string& data, bool& try_again) const 
     try_again = true;
     return 0;
   }
-  throw FWESocketError(kSource, kReceiveLine, "receive", ErrorText(error));
+  throw FWESocketError(kSource, kReceiveLine, "receive", GetErrorMessage(error));
 }
 
 int FWSocketManager::Send(int socket, std::string& data, bool& try_again) const {
@@ -319,7 +314,7 @@ int FWSocketManager::Send(int socket, std::string& data, bool& try_again) const 
     try_again = true;
     return 0;
   }
-  throw FWESocketError(kSource, kSendLine, "send", ErrorText(error));
+  throw FWESocketError(kSource, kSendLine, "send", GetErrorMessage(error));
 }
 
 void FWSocketManager::SetBlocking(int socket, bool blocking) const {
@@ -331,4 +326,4 @@ void FWSocketManager::SetBlocking(int socket, bool blocking) const {
   (void)::fcntl(socket, F_SETFL, wanted);
 }
 
-std::string FWSocketManager::SocketError() const { return ErrorText(errno); }
+std::string FWSocketManager::SocketError() const { return GetErrorMessage(errno); }

@@ -7,12 +7,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
 
 #include "FWException.h"
+#include "FWFile.h"
 
 namespace {
 
@@ -43,8 +43,6 @@ std::locale ProcessLocale() {
     return std::locale::classic();
   }
 }
-
-std::string ErrnoText(int error) { return std::strerror(error); }
 
 // The state of one Str2Time walk over a lower-cased text.
 struct TimeWalk {
@@ -339,7 +337,7 @@ void FWStringUtils::LoadFromFile(std::string& text, const std::string& file_name
                                  std::size_t max_size) {
   text.clear();
   FilePtr file(std::fopen(file_name.c_str(), "rb"));
-  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("read"), ErrnoText(errno));
+  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("read"), GetErrorMessage(errno));
   std::vector<char> chunk(kLoadChunkSize);
   for (;;) {
     const std::size_t read = std::fread(chunk.data(), 1, chunk.size(), file.get());
@@ -348,7 +346,7 @@ void FWStringUtils::LoadFromFile(std::string& text, const std::string& file_name
     if (read == chunk.size()) continue;
     // A short chunk ends the file, unless the stream failed (reading a directory, an I/O error).
     if (std::ferror(file.get())) {
-      throw FWEOperationFailed(FW_HERE, std::string("read"), ErrnoText(errno));
+      throw FWEOperationFailed(FW_HERE, std::string("read"), GetErrorMessage(errno));
     }
     return;
   }
@@ -356,14 +354,14 @@ void FWStringUtils::LoadFromFile(std::string& text, const std::string& file_name
 
 void FWStringUtils::SaveToFile(const std::string& text, const std::string& file_name) {
   FilePtr file(std::fopen(file_name.c_str(), "wb"));
-  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("write"), ErrnoText(errno));
+  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("write"), GetErrorMessage(errno));
   const std::size_t written = std::fwrite(text.data(), 1, text.size(), file.get());
   if (written < text.size()) {
-    throw FWEOperationFailed(FW_HERE, std::string("write"), ErrnoText(errno));
+    throw FWEOperationFailed(FW_HERE, std::string("write"), GetErrorMessage(errno));
   }
   // Buffered bytes reach the file only now; a full disk shows up here.
   if (std::fclose(file.release()) != 0) {
-    throw FWEOperationFailed(FW_HERE, std::string("write"), ErrnoText(errno));
+    throw FWEOperationFailed(FW_HERE, std::string("write"), GetErrorMessage(errno));
   }
 }
 

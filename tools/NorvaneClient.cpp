@@ -16,6 +16,7 @@
 
 #include "FWException.h"
 #include "FWFeedCodec.h"
+#include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 
@@ -74,11 +75,6 @@ std::string Reason(const FWException& error) {
   const std::size_t close = text.find(") ");
   if (StartsWith(text, "(") && close != std::string::npos) return text.substr(close + 2);
   return text;
-}
-
-std::string ErrnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
 }
 
 // Writes all of text; false with errno set when the descriptor fails.
@@ -295,7 +291,7 @@ void NorvaneClient::Feed::Connected() {
   socklen_t size = sizeof(error);
   if (::getsockopt(socket_.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
   if (error != 0) {
-    Fail(kExitConnection, "cannot connect: " + ErrnoText(error));
+    Fail(kExitConnection, "cannot connect: " + GetErrorMessage(error));
     return;
   }
   SetKeepalive();
@@ -317,7 +313,8 @@ void NorvaneClient::Feed::SetKeepalive() {
       ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval)) != 0 ||
       ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) != 0) {
     const int error = errno;
-    owner_->WriteErr("norvane: " + Where() + ": setsockopt keepalive: " + ErrnoText(error) + "\n");
+    owner_->WriteErr("norvane: " + Where() + ": setsockopt keepalive: " + GetErrorMessage(error) +
+                     "\n");
   }
 }
 
@@ -339,7 +336,7 @@ void NorvaneClient::Feed::Handle(short revents) {
     if (error == ETIMEDOUT) {
       Fail(kExitNoAnswer, "daemon stopped answering (keepalive probes unanswered)");
     } else {
-      Fail(kExitConnection, "connection lost: " + ErrnoText(error));
+      Fail(kExitConnection, "connection lost: " + GetErrorMessage(error));
     }
     return;
   }
@@ -835,7 +832,7 @@ bool NorvaneClient::PollOnce(int stop_fd) {
   // A poll interrupted by a signal counts as nothing ready; the stop pipe carries the request.
   if (::poll(fds.data(), fds.size(), PollTimeoutMs()) < 0 && errno != EINTR) {
     const int error = errno;
-    WriteErr("norvane: poll: " + ErrnoText(error) + "\n");
+    WriteErr("norvane: poll: " + GetErrorMessage(error) + "\n");
     if (first_failure_ == kExitOk) first_failure_ = kExitConnection;
     for (auto& feed : feeds_) feed->Abandon();
     return false;
@@ -963,7 +960,7 @@ void NorvaneClient::WriteOut(const std::string& text) {
   const int error = errno;
   out_failed_ = true;
   if (error != EPIPE) {
-    WriteErr("norvane: cannot write the output: " + ErrnoText(error) + "\n");
+    WriteErr("norvane: cannot write the output: " + GetErrorMessage(error) + "\n");
     if (first_failure_ == kExitOk) first_failure_ = kExitOutput;
   }
   if (!stopping_) RequestStop();

@@ -10,10 +10,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "FWFile.h"
 #include "FWProduct.h"
 #include "NorvaneClient.h"
 #include "NorvaneWeb.h"
@@ -440,7 +440,7 @@ int main(int argc, char** argv) {
   if (!target_complaint.empty()) return Usage(target_complaint);
   int stop_fds[2] = {-1, -1};
   if (!InstallStopSignals(stop_fds)) {
-    std::fprintf(stderr, "norvane: stop signals: %s\n", std::strerror(errno));
+    std::fprintf(stderr, "norvane: stop signals: %s\n", GetErrorMessage(errno).c_str());
     return NorvaneClient::kExitUsage;
   }
   bool interrupted = false;
