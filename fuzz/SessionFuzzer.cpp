@@ -3,14 +3,17 @@
 // lines. Raw bytes seldom form a valid frame, so the input is a sequence of chunks, each led by
 // a tag byte whose low three bits choose:
 //   0  raw bytes, as read from the socket
-//   1  a text framed by the feed codec (bit 7: "\r\n" appended), handed over in two reads
+//   1  a text framed by the feed codec (bit 7: "\r\n" appended; bit 6: repeated up to about
+//      1 MiB, past the limits of a line and a message), handed over in two reads
 //   2  a command from a list that logs in, lists, starts, backs up, resumes, stops and quits
 //   3  a frame whose compressed message has one byte changed or is cut short
 //   4  a frame with a header length of the input's choosing over enciphered bytes
 //   5  a change to the followed files: append, truncate, rotate
-//   6  the loop's periodic call (CheckActive: polls the followed file)
+//   6  the loop's clock moves on by up to 63 s, then its periodic call (CheckActive: the login
+//      time-out, the poll of the followed file)
 //   7  the replies sent to the client and decoded there
-// Every reply must decode as a whole frame at the client. With SESSION_FUZZER_TRACE set in the
+// The session has the daemon's login brake, with a clock that only this call moves. Every reply
+// must decode as a whole frame at the client. With SESSION_FUZZER_TRACE set in the
 // environment the replies are printed, to see what an input (a seed, a crash) reaches. The session
 // gets a socket accepted on a listening Unix socket of an abstract name (no network, no file) and a
 // document root in a temporary directory with a few small log files, a link inside it and a link
@@ -34,6 +37,7 @@
 #include "FWException.h"
 #include "FWFeedCodec.h"
 #include "FuzzInput.h"
+#include "LoginGuard.h"
 #include "MonitoringPort.h"
 #include "MonitoringSession.h"
 
@@ -43,6 +47,13 @@ namespace {
 constexpr const char* kPassword = "fuzz-secret";
 const std::string kFirstLines = "first line\nsecond line\r\nthird";
 const std::string kSubLines = "c1\nc2\n";
+// Repeated texts stop growing here: past the 1 MiB message limit, and quick enough to compress.
+constexpr std::size_t kRepeatLimit = (1u << 20) + 4096;
+// ... and are cut after this many lines. The session answers every line it handles with a reply
+// of its own, framed and compressed one by one (about 10 us each, several times that under the
+// sanitizers), until 8 MiB of replies wait: a message of 100000 short lines takes it seconds,
+// which would make the fuzzer report time-outs instead of looking further.
+constexpr std::size_t kRepeatLines = 4000;
 
 const bool kTrace = std::getenv("SESSION_FUZZER_TRACE") != nullptr;
 
@@ -269,8 +280,19 @@ class Client {
   int messages_ = 0;
 };
 
-void RunChunk(FuzzInput& in, Fixture& fixture, MonitoringSession& session, Client& client,
-              const FWFeedCodec& codec) {
+// Cuts text after its count-th "\r\n", if it has that many.
+void CutAfterLines(std::string& text, std::size_t count) {
+  std::size_t pos = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    pos = text.find("\r\n", pos);
+    if (pos == std::string::npos) return;
+    pos += 2;
+  }
+  text.resize(pos);
+}
+
+void RunChunk(FuzzInput& in, Fixture& fixture, LoginGuard& guard, MonitoringSession& session,
+              Client& client, const FWFeedCodec& codec) {
   const std::uint8_t tag = in.Byte();
   switch (tag % 8) {
     case 0:
@@ -279,6 +301,12 @@ void RunChunk(FuzzInput& in, Fixture& fixture, MonitoringSession& session, Clien
     case 1: {
       std::string text = in.ShortText();
       if ((tag & 0x80) != 0) text += "\r\n";
+      if ((tag & 0x40) != 0 && !text.empty()) {
+        const std::size_t times = (std::size_t{in.Byte()} << 8 | in.Byte()) + 1;
+        const std::string once = text;
+        for (std::size_t i = 1; i < times && text.size() < kRepeatLimit; ++i) text += once;
+        CutAfterLines(text, kRepeatLines);
+      }
       const std::string frame = codec.Frame(text);
       const std::size_t split = in.Byte() % (frame.size() + 1);
       session.QueueOutgoing(frame.substr(0, split));
@@ -317,6 +345,7 @@ void RunChunk(FuzzInput& in, Fixture& fixture, MonitoringSession& session, Clien
       fixture.ChangeFiles(in);
       break;
     case 6:
+      guard.SetNow(guard.Now() + in.Byte() % 64);
       session.CheckActive();
       break;
     default:
@@ -332,6 +361,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Fixture& fixture = TheFixture();
   fixture.ResetFiles();
   Client client(fixture.Connect());
+  LoginGuard guard;
+  guard.SetNow(1000000000);
+  fixture.Port().SetLoginGuard(&guard);
   MonitoringSession session(1, &fixture.Port());
   session.Open(fixture.Listener());
   if (!session.IsOpen()) Die("the session did not accept the client");
@@ -339,12 +371,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
   FuzzInput in(data, size);
   try {
-    while (!in.Empty() && session.IsOpen()) RunChunk(in, fixture, session, client, codec);
+    while (!in.Empty() && session.IsOpen()) RunChunk(in, fixture, guard, session, client, codec);
   } catch (const FWException&) {
     // As the daemon's loop does with a zlib failure: the session ends.
     session.Close();
   }
   client.Drain(session);
   session.Close();
+  fixture.Port().SetLoginGuard(nullptr);
   return 0;
 }
