@@ -12,10 +12,9 @@
 #
 # What a run finds besides the seeds goes to build-fuzz/corpus/<target>/ and is taken up by the
 # next run; the seeds in fuzz/corpus/ are only read. A crash, leak, sanitizer report or time-out
-# stops the target, leaves the input as build-fuzz/artifacts/<target>-crash-... (or -leak-,
-# -timeout-, -oom-; replay with
-# build-fuzz/<target> FILE) and makes the script exit 1. The whole output of each target is in
-# build-fuzz/logs/<target>.log.
+# stops the target, leaves its input in build-fuzz/artifacts/ (<target>-crash-..., -leak-...,
+# -timeout-...; replay it with build-fuzz/<target> FILE) and makes the script exit 1. The whole
+# output of each target is in build-fuzz/logs/<target>.log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +26,7 @@ while getopts "t:j:u:" option; do
     t) seconds="$OPTARG" ;;
     j) parallel="$OPTARG" ;;
     u) unit_seconds="$OPTARG" ;;
-    *) sed -n '2,20p' "$0" >&2; exit 2 ;;
+    *) sed -n '2,19p' "$0" >&2; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
