@@ -26,7 +26,7 @@ while getopts "t:j:u:" option; do
     t) seconds="$OPTARG" ;;
     j) parallel="$OPTARG" ;;
     u) unit_seconds="$OPTARG" ;;
-    *) sed -n '2,19p' "$0" >&2; exit 2 ;;
+    *) sed -n '2,17p' "$0" >&2; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
