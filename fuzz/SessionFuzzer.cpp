@@ -1,24 +1,28 @@
-// The daemon's side of the feed protocol: a monitoring session in the server role receives the
-// fuzzer's bytes as a client's, through frame reassembly, deciphering, inflating and the command
-// lines. Raw bytes seldom form a valid frame, so the input is a sequence of chunks, each led by
-// a tag byte whose low three bits choose:
+// The daemon's side of the feed protocol: two monitoring sessions in the server role receive the
+// fuzzer's bytes as their clients', through frame reassembly, deciphering, inflating and the
+// command lines, and share the feeds of the files they follow as the daemon's sessions do. Raw
+// bytes seldom form a valid frame, so the input is a sequence of chunks, each led by a tag byte
+// whose bit 4 chooses the session and whose low three bits choose:
 //   0  raw bytes, as read from the socket
 //   1  a text framed by the feed codec (bit 7: "\r\n" appended; bit 6: repeated up to about
 //      1 MiB, past the limits of a line and a message), handed over in two reads
 //   2  a command from a list that logs in, lists, starts, backs up, resumes, stops and quits
 //   3  a frame whose compressed message has one byte changed or is cut short
 //   4  a frame with a header length of the input's choosing over enciphered bytes
-//   5  a change to the followed files: append, truncate, rotate
-//   6  the loop's clock moves on by up to 63 s, then its periodic call (CheckActive: the login
-//      time-out, the poll of the followed file)
+//   5  a change to the followed files: append (bit 6: repeated up to about 1 MiB), truncate,
+//      rotate
+//   6  a pass of the daemon's loop: its clock moves on by up to 63 s; on a new second, or when
+//      a session is behind, the sessions' periodic call (CheckActive: the login time-out, reading
+//      on their own); the file events, and the polls of the shared feeds that are due
 //   7  the replies sent to the client and decoded there
-// The session has the daemon's login brake, with a clock that only this call moves. Every reply
-// must decode as a whole frame at the client. With SESSION_FUZZER_TRACE set in the
-// environment the replies are printed, to see what an input (a seed, a crash) reaches. The session
-// gets a socket accepted on a listening Unix socket of an abstract name (no network, no file) and a
-// document root in a temporary directory with a few small log files, a link inside it and a link
-// out of it.
+// The sessions have the daemon's login brake, with a clock that only the passes move, and its
+// shared feeds (with inotify). Every reply must decode as a whole frame at the client. With
+// SESSION_FUZZER_TRACE set in the environment the replies are printed, to see what an input (a
+// seed, a crash) reaches. The session gets a socket accepted on a listening Unix socket of an
+// abstract name (no network, no file) and a document root in a temporary directory with a few small
+// log files, a link inside it and a link out of it.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -29,6 +33,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -37,6 +42,7 @@
 #include "FWException.h"
 #include "FWFeedCodec.h"
 #include "FuzzInput.h"
+#include "LogFeed.h"
 #include "LoginGuard.h"
 #include "MonitoringPort.h"
 #include "MonitoringSession.h"
@@ -179,13 +185,20 @@ class Fixture {
            std::to_string(offset) + " a.log\r\n";
   }
 
-  void ChangeFiles(FuzzInput& in) {
+  void ChangeFiles(FuzzInput& in, bool repeat) {
     const std::string a = root_ + "/a.log";
     files_changed_ = true;
     switch (in.Byte() % 4) {
-      case 0:
-        WriteFile(a, in.ShortText(), O_APPEND);
+      case 0: {
+        std::string text = in.ShortText();
+        if (repeat && !text.empty()) {
+          const std::size_t times = (std::size_t{in.Byte()} << 8 | in.Byte()) + 1;
+          const std::string once = text;
+          for (std::size_t i = 1; i < times && text.size() < kRepeatLimit; ++i) text += once;
+        }
+        WriteFile(a, text, O_APPEND);
         break;
+      }
       case 1:
         WriteFile(root_ + "/sub/c.log", in.ShortText(), O_APPEND);
         break;
@@ -291,9 +304,45 @@ void CutAfterLines(std::string& text, std::size_t count) {
   text.resize(pos);
 }
 
-void RunChunk(FuzzInput& in, Fixture& fixture, LoginGuard& guard, MonitoringSession& session,
-              Client& client, const FWFeedCodec& codec) {
-  const std::uint8_t tag = in.Byte();
+// One client's connection: its end of the socket and the session that accepted it.
+struct Connection {
+  Connection(Fixture& fixture, int number)
+      : client(fixture.Connect()), session(number, &fixture.Port()) {
+    session.Open(fixture.Listener());
+    if (!session.IsOpen()) Die("the session did not accept the client");
+  }
+
+  Client client;
+  MonitoringSession session;
+};
+
+// A pass of the daemon's loop (SessionManager::Select) without the sockets, which the other
+// chunks stand for: the sessions, then the shared feeds.
+void RunPass(FuzzInput& in, LoginGuard& guard, LogFeeds& feeds, Connection* const* connections) {
+  const std::time_t step = in.Byte() % 64;
+  guard.SetNow(guard.Now() + step);
+  const bool new_second = step != 0;
+  for (int i = 0; i < 2; ++i) {
+    MonitoringSession& session = connections[i]->session;
+    try {
+      if (session.IsOpen() && (new_second || session.IsBehind())) session.CheckActive();
+    } catch (const FWException&) {
+      session.Close();
+    }
+  }
+  pollfd events{feeds.GetEventDescriptor(), POLLIN, 0};
+  if (events.fd > 0 && ::poll(&events, 1, 0) == 1) feeds.ReadEvents();
+  try {
+    feeds.PollDue(new_second);
+  } catch (const FWException&) {
+    // The loop logs it and goes on.
+  }
+}
+
+void RunChunk(std::uint8_t tag, FuzzInput& in, Fixture& fixture, LoginGuard& guard, LogFeeds& feeds,
+              Connection* const* connections, const FWFeedCodec& codec) {
+  MonitoringSession& session = connections[(tag >> 4) & 1]->session;
+  Client& client = connections[(tag >> 4) & 1]->client;
   switch (tag % 8) {
     case 0:
       session.QueueOutgoing(in.ShortText());
@@ -342,11 +391,10 @@ void RunChunk(FuzzInput& in, Fixture& fixture, LoginGuard& guard, MonitoringSess
       break;
     }
     case 5:
-      fixture.ChangeFiles(in);
+      fixture.ChangeFiles(in, (tag & 0x40) != 0);
       break;
     case 6:
-      guard.SetNow(guard.Now() + in.Byte() % 64);
-      session.CheckActive();
+      RunPass(in, guard, feeds, connections);
       break;
     default:
       client.Drain(session);
@@ -360,24 +408,35 @@ void RunChunk(FuzzInput& in, Fixture& fixture, LoginGuard& guard, MonitoringSess
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Fixture& fixture = TheFixture();
   fixture.ResetFiles();
-  Client client(fixture.Connect());
+  // The brake and the feeds outlive the sessions, as the session manager's do.
   LoginGuard guard;
   guard.SetNow(1000000000);
+  LogFeeds feeds;
   fixture.Port().SetLoginGuard(&guard);
-  MonitoringSession session(1, &fixture.Port());
-  session.Open(fixture.Listener());
-  if (!session.IsOpen()) Die("the session did not accept the client");
-  // The client's own codec makes its frames, as a real client's would.
-  const FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
-  FuzzInput in(data, size);
-  try {
-    while (!in.Empty() && session.IsOpen()) RunChunk(in, fixture, guard, session, client, codec);
-  } catch (const FWException&) {
-    // As the daemon's loop does with a zlib failure: the session ends.
-    session.Close();
+  fixture.Port().SetLogFeeds(&feeds);
+  {
+    Connection first(fixture, 1);
+    Connection second(fixture, 2);
+    Connection* const connections[2] = {&first, &second};
+    // The clients' own codec makes their frames, as a real client's would.
+    const FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
+    FuzzInput in(data, size);
+    while (!in.Empty() && (first.session.IsOpen() || second.session.IsOpen())) {
+      const std::uint8_t tag = in.Byte();
+      try {
+        RunChunk(tag, in, fixture, guard, feeds, connections, codec);
+      } catch (const FWException&) {
+        // As the daemon's loop does with a zlib failure: that session ends.
+        connections[(tag >> 4) & 1]->session.Close();
+      }
+    }
+    for (Connection* connection : connections) {
+      connection->client.Drain(connection->session);
+      connection->session.Close();
+    }
   }
-  client.Drain(session);
-  session.Close();
+  if (feeds.size() != 0) Die("a shared feed outlived its sessions");
+  fixture.Port().SetLogFeeds(nullptr);
   fixture.Port().SetLoginGuard(nullptr);
   return 0;
 }
