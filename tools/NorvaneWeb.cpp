@@ -12,6 +12,7 @@
 #include <cstring>
 #include <utility>
 
+#include "FWFile.h"
 #include "FWProduct.h"
 #include "NorvaneWebAssets.h"
 
@@ -202,7 +203,7 @@ bool NorvaneWeb::Listen(std::string* error) {
           : server_->bind_to_port(settings_.host, settings_.port) ? settings_.port
                                                                   : -1;
   if (port_ < 0) {
-    *error = errno != 0 ? std::strerror(errno) : "the address cannot be used";
+    *error = errno != 0 ? GetErrorMessage(errno) : "the address cannot be used";
     return false;
   }
   cookie_ = "norvane_web_" + std::to_string(port_);
