@@ -230,10 +230,13 @@ void MonitoringSession::CheckActive() {
 }
 
 bool MonitoringSession::IsBehind() const {
-  return IsOpen() && transmitting_ && own_tail_ != nullptr && own_tail_->HasMore() && !HeldBack();
+  if (!IsOpen() || HeldBack()) return false;
+  return commands_waiting_ || (transmitting_ && own_tail_ != nullptr && own_tail_->HasMore());
 }
 
-bool MonitoringSession::ReadyToReceiveIncoming() { return GetIncomingSocket() != 0 && !HeldBack(); }
+bool MonitoringSession::ReadyToReceiveIncoming() {
+  return GetIncomingSocket() != 0 && !HeldBack() && !commands_waiting_;
+}
 
 bool MonitoringSession::HeldBack() const {
   const std::size_t limit =
@@ -289,9 +292,15 @@ void MonitoringSession::QueueOutgoing(const std::string& data) {
 // plus the rest of the line before it.
 void MonitoringSession::ServeCommands() {
   std::string line;
-  while (IsOpen() && !HeldBack()) {
+  commands_waiting_ = false;
+  for (int handled = 0; IsOpen() && !HeldBack();) {
+    if (handled == kLinesPerPass) {
+      commands_waiting_ = true;  // the rest at the next pass: the loop serves the others first
+      return;
+    }
     if (command_text_.CutLine(&line)) {
       HandleCommand(line);
+      ++handled;
       continue;
     }
     if (command_text_.GetPendingSize() > kLineLimit) {

@@ -71,6 +71,9 @@ class MonitoringSession final : public ProxySession {
   static constexpr int kInvalidCommandLimit = 10;
   static constexpr std::time_t kLoginTimeoutSeconds = 30;
   static constexpr int kPasswordFailureLimit = 3;
+  // At most this many command lines are handled in one pass; the rest wait for the next, so that
+  // one frame of many lines cannot hold the loop from the other sessions.
+  static constexpr int kLinesPerPass = 1000;
 
   // The port supplies the settings and is not owned; it must outlive the session.
   MonitoringSession(int number, MonitoringPort* port);
@@ -91,10 +94,11 @@ class MonitoringSession final : public ProxySession {
   // send it the data meanwhile.
   void CheckActive() override;
   std::size_t GetMemoryRequired() const override { return 0; }
-  // The session reads on its own, its file has more data than one poll takes, and the client
-  // keeps up.
+  // Command lines wait beyond one pass's share, or the session reads on its own and its file has
+  // more data than one poll takes; either way the client keeps up.
   bool IsBehind() const override;
-  // True while the client socket is open and the replies to it are not held back.
+  // True while the client socket is open, the replies to it are not held back and no command
+  // lines wait.
   bool ReadyToReceiveIncoming() override;
   bool ReadyToReceiveOutgoing() override { return GetOutgoingSocket() != 0; }
   // True after "quit".
@@ -226,6 +230,8 @@ class MonitoringSession final : public ProxySession {
   bool log_files_collected_ = false;
   bool user_accepted_ = false;
   int invalid_commands_ = 0;
+  // Lines beyond one pass's share wait in the command text (see kLinesPerPass).
+  bool commands_waiting_ = false;
   int password_failures_ = 0;
   std::time_t login_deadline_ = 0;
 };

@@ -870,6 +870,25 @@ TEST_F(MonitoringSessionTest, AStalledSessionHoldsBackNoOtherAndCatchesUpAloneWi
   EXPECT_EQ(ReceiveData(7, nullptr, &fast), "after\r\n");
 }
 
+TEST_F(MonitoringSessionTest, AFrameOfManyLinesIsServedAThousandLinesAPass) {
+  Connect();
+  Login();
+  std::string lines;
+  for (int i = 0; i < 4500; ++i) lines += "x\r\n";
+  Send(lines);  // one small frame: it inflates to 4500 commands
+  int passes = 0;
+  int replies = 0;
+  EXPECT_TRUE(PumpUntil([&] {
+    ++passes;
+    while (auto message = client_->TakeMessage()) {
+      EXPECT_EQ(*message, "-ERR unrecognized command\r\n");
+      ++replies;
+    }
+    return replies == 4500;
+  }));
+  EXPECT_GE(passes, 5) << "more than 1000 lines handled in one pass";
+}
+
 TEST_F(MonitoringSessionTest, CommandsWaitWhileRepliesToAClientThatDoesNotReadPileUp) {
   // Long names that do not compress make each list's replies about 5 KiB, so that two thousand
   // lists pass the bound with few frames: the work stays small on a slow machine.
