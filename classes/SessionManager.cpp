@@ -31,7 +31,6 @@ namespace {
 constexpr unsigned kGetClassLine = 185;
 constexpr unsigned kSelectLine = 411;
 // Each pass waits at most this long for readiness (or sleeps it when there are no ports).
-constexpr long kPassTimeoutMicroseconds = 500000;
 constexpr unsigned long kPassTimeoutMs = 500;
 // Each session may hold two descriptors: its socket and the file it follows. A session in step
 // with the shared feed of its file holds none for the file: the feed holds it once for all of its
