@@ -57,18 +57,12 @@ std::size_t ProvideOutput(z_stream& z, std::string& out, std::size_t out_pos, st
 
 // Owns a deflate stream that is reset for every message instead of being made anew: a fresh
 // stream costs more than compressing a typical message (zlib clears its tables on every init).
-// A reset stream produces exactly the bytes a fresh one would. A reset still clears the hash
-// table, whose size the memory level sets: small messages get a stream with a small table, which
-// finds the same matches in them at a fraction of the cost.
+// A reset stream produces exactly the bytes a fresh one would: level 1, zlib's default window and
+// memory settings, so a frame is byte for byte what any zlib at these settings makes of it.
 class DeflateStream {
  public:
-  // Up to this size a message is small; its stream's hash table has 2^(3+7) entries.
-  static constexpr std::size_t kSmallMessage = 4 * 1024;
-  static constexpr int kSmallMemoryLevel = 3;
-
-  explicit DeflateStream(int memory_level) {
-    const int result =
-        deflateInit2(&z_, kLevel, Z_DEFLATED, MAX_WBITS, memory_level, Z_DEFAULT_STRATEGY);
+  DeflateStream() {
+    const int result = deflateInit(&z_, kLevel);
     if (result != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflateInit: ", result);
   }
   ~DeflateStream() { deflateEnd(&z_); }
@@ -77,11 +71,9 @@ class DeflateStream {
 
   // The stream of this thread: frames are made on one thread at a time per codec, and one stream
   // a thread serves every codec on it.
-  // The stream for a message of this size.
-  static DeflateStream& OfThisThread(std::size_t size) {
-    thread_local DeflateStream small(kSmallMemoryLevel);
-    thread_local DeflateStream large(MAX_MEM_LEVEL - 1);  // zlib's default
-    return size <= kSmallMessage ? small : large;
+  static DeflateStream& OfThisThread() {
+    thread_local DeflateStream stream;
+    return stream;
   }
 
   // Appends all of input to out as one complete zlib stream: the compressed data, a sync flush
@@ -169,7 +161,7 @@ bool InflateStream::Decompress(std::string_view input, std::size_t max_output, s
 
 // Appends one complete zlib stream for non-empty input to out; nothing for empty input.
 void AppendCompressed(std::string_view input, std::string& out) {
-  if (!input.empty()) DeflateStream::OfThisThread(input.size()).Compress(input, out);
+  if (!input.empty()) DeflateStream::OfThisThread().Compress(input, out);
 }
 
 std::uint32_t ReadBigEndian(const char* p) {
