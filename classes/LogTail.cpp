@@ -159,11 +159,7 @@ off_t LogTail::BacklogStart(std::size_t lines) {
 std::string LogTail::Poll(bool check_path) {
   if (!started_) return "";
   std::string raw;
-  if (!check_path && file_.IsOpen()) {
-    ReadSameFile(kMaxPollBytes, raw);
-    more_ = raw.size() == kMaxPollBytes;
-    return ToDos(raw);
-  }
+  if (!check_path && file_.IsOpen()) return ReadAppended();
   struct stat st;
   const bool path_exists = ::stat(path_.c_str(), &st) == 0;
   if (!path_exists) {
@@ -189,6 +185,35 @@ void LogTail::ReadNew(bool path_exists, const struct stat& st, std::string& raw)
   }
   if (!path_exists || budget == 0 || OpenCurrent() != 0) return;
   ReadSameFile(budget, raw);
+}
+
+// A file that only grew is read on from the offset without a stat: one read takes what a few
+// writes appended. A read that finds nothing looks for a truncation.
+std::string LogTail::ReadAppended() {
+  // Main thread only, like every reader; the text is converted out of it before the next read.
+  static char first[64 * 1024];
+  ssize_t n;
+  do {
+    n = ::pread(file_.Get(), first, sizeof(first), offset_);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    LogReadError(errno);
+    return "";
+  }
+  std::string raw;
+  if (n == 0) {
+    ReadSameFile(kMaxPollBytes, raw);
+  } else if (static_cast<std::size_t>(n) < sizeof(first)) {
+    offset_ += n;
+    more_ = false;
+    return ToDos(std::string_view(first, static_cast<std::size_t>(n)), &last_was_cr_);
+  } else {
+    offset_ += n;
+    raw.assign(first, sizeof(first));
+    ReadSameFile(kMaxPollBytes - raw.size(), raw);
+  }
+  more_ = raw.size() == kMaxPollBytes;
+  return ToDos(raw);
 }
 
 std::size_t LogTail::ReadSameFile(std::size_t budget, std::string& raw) {

@@ -111,6 +111,8 @@ class LogTail final {
   void ReadNew(bool path_exists, const struct stat& st, std::string& raw);
   // Reads the open file from offset_ up to end, at most budget bytes, into raw.
   std::size_t ReadUpTo(off_t end, std::size_t budget, std::string& raw);
+  // A poll of the open file after it was only appended to.
+  std::string ReadAppended();
   // Handles the path naming the open file: rereads from the start when it shrank.
   std::size_t ReadSameFile(std::size_t budget, std::string& raw);
   // Returns the rest of a file that the path no longer names; closes it once drained or deleted.
