@@ -21,6 +21,7 @@
 
 #include "FWException.h"
 #include "FWFile.h"
+#include "FWHeap.h"
 #include "FWIniParser.h"
 #include "FWLogStream.h"
 #include "FWProduct.h"
@@ -354,6 +355,7 @@ int main(int argc, char* argv[]) {
   Options options;
   if (const int code = ParseOptions(argc, argv, &options); code >= 0) return code;
   InstallSignals();
+  FWHeap::KeepLargeBlocks();
 
   const std::string named_config = Absolute(options.config);
   const bool own_directory = argc > 0 && SettleWorkingDirectory(argv[0]);

@@ -15,6 +15,7 @@
 #include "FWCounter.h"
 #include "FWException.h"
 #include "FWFile.h"
+#include "FWHeap.h"
 #include "FWIniParser.h"
 #include "FWLogStream.h"
 #include "FWMIMEParser.h"
@@ -496,6 +497,8 @@ void SessionManager::PollFeeds(const PassSets& sets, bool new_second) {
   } catch (const FWException& e) {
     LogStream.Log(e.GetText());
   }
+  // What the second's reads and frames left free goes back to the system.
+  if (new_second) FWHeap::GiveBack();
 }
 
 // The socket is read again before each step: the step before may have closed the session.

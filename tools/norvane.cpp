@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "FWFile.h"
+#include "FWHeap.h"
 #include "FWProduct.h"
 #include "NorvaneClient.h"
 #include "NorvaneWeb.h"
@@ -418,6 +419,7 @@ int RunWeb(Arguments* args, const std::vector<NorvaneClient::Target>& targets, i
 int main(int argc, char** argv) {
   // Writes to a closed pipe or socket give EPIPE instead of ending the process.
   ::signal(SIGPIPE, SIG_IGN);
+  FWHeap::KeepLargeBlocks();
   Arguments args;
   const std::string complaint = ParseArguments(argc, argv, &args);
   if (!complaint.empty()) return Usage(complaint);
