@@ -291,9 +291,9 @@ void Blowfish::Encrypt(std::string& data, std::size_t offset) const {
   }
 }
 
-void Blowfish::DecipherBlocks(std::string& data) const {
-  unsigned char* const bytes = Bytes(data);
-  const std::size_t whole = data.size() - data.size() % 8;
+void Blowfish::DecipherBlocks(char* data, std::size_t size) const {
+  auto* const bytes = reinterpret_cast<unsigned char*>(data);
+  const std::size_t whole = size - size % 8;
   for (std::size_t i = 0; i < whole; i += 8) {
     Word left = LoadWord(bytes + i);
     Word right = LoadWord(bytes + i + 4);
@@ -304,12 +304,12 @@ void Blowfish::DecipherBlocks(std::string& data) const {
 }
 
 void Blowfish::Decrypt(std::string& data, unsigned length) const {
-  DecipherBlocks(data);
+  DecipherBlocks(data.data(), data.size());
   data.resize(length);
 }
 
 void Blowfish::Decrypt(std::string& data) const {
-  DecipherBlocks(data);
+  DecipherBlocks(data.data(), data.size());
   const std::size_t cut = data.find('\x01');
   if (cut != std::string::npos) data.resize(cut);
 }

@@ -48,6 +48,8 @@ class Blowfish {
   // Deciphers every whole block in place, then cuts the data at its first 0x01 byte, if any. Meant
   // for text that never holds 0x01.
   void Decrypt(std::string& data) const;
+  // Deciphers the size / 8 whole blocks at data in place.
+  void DecipherBlocks(char* data, std::size_t size) const;
 
   // The current tables: the P-array and the four S-boxes.
   const PArray& GetP() const { return p_; }
@@ -58,7 +60,6 @@ class Blowfish {
   Word F(Word x) const {
     return ((s_[0][x >> 24] + s_[1][(x >> 16) & 0xFF]) ^ s_[2][(x >> 8) & 0xFF]) + s_[3][x & 0xFF];
   }
-  void DecipherBlocks(std::string& data) const;
 
   // Plain arrays rather than std::array: the round function indexes them 64 times a block, and
   // unoptimised (sanitizer) builds would call operator[] for each.

@@ -211,13 +211,19 @@ FWFeedCodec::Result FWFeedCodec::Next(std::string* message) {
   const std::uint64_t padded = (std::uint64_t{length} + 7) / 8 * 8;
   if (available - kHeaderSize < padded) {
     Compact();
+    // The room for the whole frame at once, instead of growing it step by step as it comes.
+    buffer_.reserve(kHeaderSize + static_cast<std::size_t>(padded));
     return Result::kNeedMore;
   }
-  std::string body = buffer_.substr(read_pos_ + kHeaderSize, padded);
-  read_pos_ += kHeaderSize + padded;
-  cipher_.Decrypt(body, length);
-  if (!InflateWithin(body, message_limit_)) return Fail(Result::kMessageTooLarge);
-  *message = std::move(body);
+  // Deciphered and inflated where it lies: a large message is not copied on its way.
+  char* const body = buffer_.data() + read_pos_ + kHeaderSize;
+  read_pos_ += kHeaderSize + static_cast<std::size_t>(padded);
+  cipher_.DecipherBlocks(body, static_cast<std::size_t>(padded));
+  message->clear();
+  if (length > 0 && !InflateStream::OfThisThread().Decompress(std::string_view(body, length),
+                                                              message_limit_, message)) {
+    return Fail(Result::kMessageTooLarge);
+  }
   return Result::kMessage;
 }
 

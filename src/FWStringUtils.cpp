@@ -243,8 +243,14 @@ std::string FWStringUtils::Convert2Dos(const std::string& s) {
 }
 
 std::string FWStringUtils::Convert2Unix(const std::string& s) {
-  std::string result = s;
-  ReplaceAll(result, "\r\n", "\n");
+  std::string result;
+  result.reserve(s.size());
+  std::size_t start = 0;
+  for (std::size_t pos; (pos = s.find("\r\n", start)) != std::string::npos; start = pos + 2) {
+    result.append(s, start, pos - start);
+    result += '\n';
+  }
+  result.append(s, start, std::string::npos);
   return result;
 }
 

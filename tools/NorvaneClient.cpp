@@ -355,11 +355,16 @@ void NorvaneClient::Feed::Flush() {
   }
 }
 
+// Up to eight reads a wake-up: a busy feed comes in far larger pieces than one read takes. The end
+// of the connection is noticed by the read that finds nothing else.
 void NorvaneClient::Feed::Receive() {
   std::string bytes;
   bool try_again = false;
-  const int count = FWSocketManager::GetInstance().Recv(socket_.Get(), bytes, try_again);
-  if (count == 0 && !try_again) {
+  for (int reads = 0; reads < 8; ++reads) {
+    const int count = FWSocketManager::GetInstance().Recv(socket_.Get(), bytes, try_again);
+    if (static_cast<std::size_t>(count) < FWSocketManager::kTransferLimit) break;
+  }
+  if (bytes.empty() && !try_again) {
     OnClose();
     return;
   }
@@ -575,22 +580,24 @@ void NorvaneClient::Feed::CheckDeadline(Clock::time_point now) {
   }
 }
 
+// A "\r" at the end of a message is held back: the next one may begin with its "\n".
 void NorvaneClient::Feed::AddData(const std::string& message) {
-  std::string text = message;
-  if (!owner_->options_.keep_crlf) {
-    text = carry_ + text;
+  std::string text;
+  if (owner_->options_.keep_crlf) {
+    text = message;
+  } else {
+    text = FWStringUtils::Convert2Unix(carry_.empty() ? message : carry_ + message);
     carry_.clear();
-    if (EndsWith(text, "\r")) {
+    if (!text.empty() && text.back() == '\r') {
       carry_ = "\r";
       text.pop_back();
     }
-    text = FWStringUtils::Convert2Unix(text);
   }
   if (owner_->options_.listener != nullptr) {
     owner_->options_.listener->OnData(target_, text, false);
     return;
   }
-  text = Shown(text);
+  if (owner_->options_.escape) text = Escape(text, true);
   if (!prefixed_) {
     owner_->WriteOut(text);
     return;
