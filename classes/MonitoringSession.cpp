@@ -222,7 +222,9 @@ void MonitoringSession::CheckActive() {
     Close();
     return;
   }
-  ServeCommands();
+  // Lines the read of this pass served count against its share.
+  if (!commands_served_) ServeCommands();
+  commands_served_ = false;
   if (!IsOpen() || !transmitting_ || own_tail_ == nullptr || HeldBack()) return;
   const std::string data = own_tail_->Poll();
   if (!data.empty()) SendData(data, extended_);
@@ -285,6 +287,7 @@ void MonitoringSession::LineBuffer::Clear() {
 void MonitoringSession::QueueOutgoing(const std::string& data) {
   client_frames_.Append(data);
   ServeCommands();
+  commands_served_ = true;
 }
 
 // Lines are handled as soon as their message is taken, before the next frame: the result is the

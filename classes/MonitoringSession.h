@@ -232,6 +232,8 @@ class MonitoringSession final : public ProxySession {
   int invalid_commands_ = 0;
   // Lines beyond one pass's share wait in the command text (see kLinesPerPass).
   bool commands_waiting_ = false;
+  // Commands were served by a read since the last CheckActive: one pass serves them only once.
+  bool commands_served_ = false;
   int password_failures_ = 0;
   std::time_t login_deadline_ = 0;
 };
