@@ -71,7 +71,8 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryLogsItsStartAndStopsOnSigterm) {
       " listening on 127.0.0.1:" + Port() + "\n");
   std::vector<std::string> lines = daemon_.LogLines();
   std::erase(lines, "    ");
-  ASSERT_EQ(lines.size(), start.size()) << daemon_.Log();
+  // The probe of WaitForPort may have been logged behind the start block.
+  ASSERT_GE(lines.size(), start.size()) << daemon_.Log();
   for (std::size_t i = 0; i < start.size(); ++i) {
     const std::size_t fixed = start[i].find('*');
     EXPECT_EQ(lines[i].substr(0, fixed), start[i].substr(0, fixed)) << i;
