@@ -271,7 +271,7 @@ bool OpenPorts(SessionManager& manager, const std::string& path, const StartupRe
     return true;
   } catch (const FWException& e) {
     int number = 0;
-    for (const ProxyPort* port : manager.GetPorts()) {
+    for (const std::unique_ptr<ProxyPort>& port : manager.GetPorts()) {
       ++number;
       if (port->GetListeningSocket() != 0) continue;
       report.Fail(FWStringUtils::Printf("can't listen on %s (port %d of %s): %s",
@@ -302,8 +302,8 @@ std::vector<std::string> SecurityWarnings(const SessionManager& manager, const s
 // What --check found good: the file, what each port would serve, and the warnings.
 void PrintSummary(const SessionManager& manager, const std::string& path) {
   std::printf("%s: configuration OK, %zu port(s)\n", path.c_str(), manager.GetPorts().size());
-  for (const ProxyPort* port : manager.GetPorts()) {
-    const auto* monitoring = dynamic_cast<const MonitoringPort*>(port);
+  for (const std::unique_ptr<ProxyPort>& port : manager.GetPorts()) {
+    const auto* monitoring = dynamic_cast<const MonitoringPort*>(port.get());
     std::printf("  %s on %s", port->GetName().c_str(), port->GetAddressText().c_str());
     if (monitoring != nullptr) {
       std::printf(" serves %s (%s)", monitoring->GetDocumentRoot().c_str(),

@@ -1,6 +1,6 @@
 // The members that bind class metadata to the accessors of the service classes: a typed scalar
 // member over a value type and its owning class, and a typed object-list member over a container
-// of owned element pointers. The class factory (FWApplication::Init, FWClass::NewInstance, in
+// of owned elements. The class factory (FWApplication::Init, FWClass::NewInstance, in
 // FWClassFactory.cpp) builds the registry's records from them.
 #ifndef NORVANE_CLASSES_FWCLASSFACTORY_H_
 #define NORVANE_CLASSES_FWCLASSFACTORY_H_
@@ -81,9 +81,9 @@ class FWTypedClassMember final : public FWMember {
   Setter setter_ = nullptr;
 };
 
-// The object-list member of class C held in a Container of owned element pointers and reached
-// through C's accessor that returns the container by reference. A member made by New() is bound to
-// nothing, and using it throws FWEInternal.
+// The object-list member of class C held in a Container of owned elements (a std::list of
+// std::unique_ptr, see TypedAccessor) and reached through C's accessor that returns the container
+// by reference. A member made by New() is bound to nothing, and using it throws FWEInternal.
 template <typename Container, typename C>
 class FWTypedClassMemberObject final : public FWMemberObject {
  public:

@@ -3,7 +3,9 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "FWException.h"
 #include "FWLogStream.h"
@@ -55,7 +57,7 @@ void ProxyPort::Validate(std::list<FWNotification>& notifications) const {
 }
 
 void ProxyPort::Close() {
-  for (ProxySession* session : sessions_) session->Close();
+  for (const std::unique_ptr<ProxySession>& session : sessions_) session->Close();
   ReleaseRunTimeState();
 }
 
@@ -87,8 +89,9 @@ void ProxyPort::Open() {
 void ProxyPort::UpdateAddressLists() {}
 
 ProxySession* ProxyPort::SessionOpen(int number) {
-  ProxySession* session = SessionCreate(number);
-  sessions_.push_back(session);
+  std::unique_ptr<ProxySession> created(SessionCreate(number));
+  sessions_.push_back(std::move(created));
+  ProxySession* session = sessions_.back().get();
   try {
     session->Open(GetListeningSocket());
   } catch (const FWException& e) {
@@ -101,7 +104,6 @@ ProxySession* ProxyPort::SessionOpen(int number) {
 }
 
 void ProxyPort::ReleaseRunTimeState() {
-  for (ProxySession* session : sessions_) delete session;
   sessions_.clear();
   listening_socket_.Reset();
 }

@@ -10,6 +10,7 @@
 #define NORVANE_CLASSES_PROXYPORT_H_
 
 #include <list>
+#include <memory>
 
 #include "FWDescriptor.h"
 #include "FWObject.h"
@@ -20,15 +21,15 @@ class ProxySession;
 // Main thread only.
 class ProxyPort : public FWObject {
  public:
-  // The sessions accepted on the port, in accept order. The port owns every session in the list:
-  // Close and the destructor delete them; the session manager deletes and removes a session that
-  // is no longer open when it reaps it.
-  using SessionList = std::list<ProxySession*>;
+  // The sessions accepted on the port, in accept order. The list owns them: Close and the
+  // destructor empty it; the session manager removes a session that is no longer open when it
+  // reaps it.
+  using SessionList = std::list<std::unique_ptr<ProxySession>>;
 
   ProxyPort();
   // Copies the configuration; the copy is closed and has no sessions.
   ProxyPort(const ProxyPort& other);
-  // Deletes the sessions and closes the listening socket, as ProxyPort::Close does.
+  // Destroys the sessions and closes the listening socket, as ProxyPort::Close does.
   ~ProxyPort() override;
 
   // ProxyPort is abstract, so New() and Clone() are left to the concrete ports.
@@ -47,8 +48,8 @@ class ProxyPort : public FWObject {
   // Appends "Port must not be empty" when IncomingPort is empty. Addresses and names are not
   // compared with those of other ports.
   void Validate(std::list<FWNotification>& notifications) const override;
-  // Closes and deletes every session, empties the list, and closes the listening socket if one
-  // is open.
+  // Closes every session, empties the list (which destroys them), and closes the listening
+  // socket if one is open.
   virtual void Close();
   // Binds IncomingServer:IncomingPort (empty server: all interfaces), listens with
   // IncomingConnectionCount as backlog, at least 1024 (null: 5, which is stored), and logs the
@@ -67,10 +68,10 @@ class ProxyPort : public FWObject {
   // "<text> - closing session" under the session's prefix and the session is closed; it stays in
   // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
   // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
-  // session, which the port owns.
+  // session, which the port's list owns; the pointer is a view for the caller.
   ProxySession* SessionOpen(int number);
   const SessionList& GetSessions() const { return sessions_; }
-  // For the session manager, which reaps closed sessions: it deletes what it removes.
+  // For the session manager, which reaps closed sessions: removing one destroys it.
   SessionList& GetSessions() { return sessions_; }
   // The listening socket; 0 while the port is closed.
   int GetListeningSocket() const {
@@ -117,7 +118,7 @@ class ProxyPort : public FWObject {
   void SetOutgoingTimeout(const FWVariable<int>& value) { outgoing_timeout_ = value; }
 
  private:
-  // Deletes the sessions and closes the socket; no virtual call, never throws.
+  // Destroys the sessions and closes the socket; no virtual call, never throws.
   void ReleaseRunTimeState();
 
   FWVariable<int> incoming_connection_count_;

@@ -45,8 +45,10 @@ constexpr unsigned long kThreadStopPauseMs = 500;
 // Days from 30 December 1899 to 1 January 1970.
 constexpr long kDayNumberOf1970 = 25569;
 
-bool SamePort(const ProxyPort* left, const ProxyPort* right) {
-  return typeid(*left) == typeid(*right) && left->IsEqual(right);
+bool SamePort(const std::unique_ptr<ProxyPort>& left, const std::unique_ptr<ProxyPort>& right) {
+  const ProxyPort& first = *left;
+  const ProxyPort& second = *right;
+  return typeid(first) == typeid(second) && first.IsEqual(&second);
 }
 
 }  // namespace
@@ -65,9 +67,11 @@ SessionManager::SessionManager(const SessionManager& other)
 }
 
 SessionManager::~SessionManager() {
-  // The worker calls into this object: end it before any member goes.
+  // The worker calls into this object: end it before any member goes. The ports go next, by
+  // hand: their sessions still reach log_feeds_, which is declared after ports_ and so would be
+  // destroyed first.
   thread_.reset();
-  DeletePorts();
+  ports_.clear();
 }
 
 SessionManager* SessionManager::New() const { return new SessionManager(); }
@@ -92,7 +96,7 @@ FWObject* SessionManager::Cast(FWObject* object) const {
 
 void SessionManager::Clear() {
   FWObject::Clear();
-  DeletePorts();
+  ports_.clear();
 }
 
 const FWClass* SessionManager::GetClass() const {
@@ -101,7 +105,7 @@ const FWClass* SessionManager::GetClass() const {
 
 void SessionManager::Validate(std::list<FWNotification>& notifications) const {
   FWObject::Validate(notifications);
-  for (const ProxyPort* port : ports_) port->Validate(notifications);
+  for (const std::unique_ptr<ProxyPort>& port : ports_) port->Validate(notifications);
 }
 
 SessionManager& SessionManager::operator=(const SessionManager& other) {
@@ -123,13 +127,13 @@ void SessionManager::Copy(const SessionManager& other) {
   max_log_file_days_ = other.max_log_file_days_;
   max_log_file_size_ = other.max_log_file_size_;
   // Clone first, so that a failure leaves this manager's ports as they were.
-  std::list<std::unique_ptr<ProxyPort>> copies;
-  for (const ProxyPort* port : other.ports_) copies.emplace_back(port->Clone());
-  DeletePorts();
-  for (std::unique_ptr<ProxyPort>& copy : copies) {
-    ports_.push_back(copy.get());
-    copy.release();
+  PortList copies;
+  for (const std::unique_ptr<ProxyPort>& port : other.ports_) {
+    std::unique_ptr<ProxyPort> copy(port->Clone());
+    copies.push_back(std::move(copy));
   }
+  ports_.clear();
+  ports_.splice(ports_.end(), copies);
 }
 
 void SessionManager::Initialize() {
@@ -143,8 +147,8 @@ bool SessionManager::IsAddressInUse(const ProxyPort* port) const {
   if (port == nullptr) return false;
   const FWString port_text = port->GetIncomingPort();
   const FWString server = port->GetIncomingServer();
-  for (const ProxyPort* other : ports_) {
-    if (other == port || other->GetIncomingPort() != port_text) continue;
+  for (const std::unique_ptr<ProxyPort>& other : ports_) {
+    if (other.get() == port || other->GetIncomingPort() != port_text) continue;
     const FWString other_server = other->GetIncomingServer();
     if (other_server == server || other_server.empty() || server.empty()) return true;
   }
@@ -155,15 +159,10 @@ bool SessionManager::IsPortNameUnique(const ProxyPort* port) const {
   if (port == nullptr) return false;
   const FWString name = port->GetName();
   std::size_t count = 0;
-  for (const ProxyPort* other : ports_) {
+  for (const std::unique_ptr<ProxyPort>& other : ports_) {
     if (other->GetName() == name) ++count;
   }
   return count == 1;
-}
-
-void SessionManager::DeletePorts() {
-  for (ProxyPort* port : ports_) delete port;
-  ports_.clear();
 }
 
 void SessionManager::SetUpdateCheck(const std::string& url, std::chrono::milliseconds timeout) {
@@ -184,8 +183,8 @@ void SessionManager::InitPorts() {
   initialized_ = true;
   login_guard_.SetNow(Now());
   log_feeds_ = std::make_unique<LogFeeds>();
-  for (ProxyPort* port : ports_) {
-    if (auto* monitoring = dynamic_cast<MonitoringPort*>(port)) {
+  for (const std::unique_ptr<ProxyPort>& port : ports_) {
+    if (auto* monitoring = dynamic_cast<MonitoringPort*>(port.get())) {
       monitoring->SetLoginGuard(&login_guard_);
       monitoring->SetLogFeeds(log_feeds_.get());
     }
@@ -195,7 +194,7 @@ void SessionManager::InitPorts() {
   LogBanner();
   LogConfiguration();
   ResetSessionNumbers();
-  for (ProxyPort* port : ports_) port->Open();
+  for (const std::unique_ptr<ProxyPort>& port : ports_) port->Open();
 }
 
 void SessionManager::InitWorker() {
@@ -211,7 +210,7 @@ std::vector<std::string> SessionManager::ConfigurationProblems() const {
     problems.push_back(notification.GetRawText());
   }
   int number = 0;
-  for (const ProxyPort* port : ports_) {
+  for (const std::unique_ptr<ProxyPort>& port : ports_) {
     ++number;
     notifications.clear();
     port->Validate(notifications);
@@ -228,9 +227,9 @@ std::vector<std::string> SessionManager::ConfigurationProblems() const {
 std::vector<std::string> SessionManager::SecurityWarnings() const {
   std::vector<std::string> warnings;
   int number = 0;
-  for (const ProxyPort* port : ports_) {
+  for (const std::unique_ptr<ProxyPort>& port : ports_) {
     ++number;
-    const auto* monitoring = dynamic_cast<const MonitoringPort*>(port);
+    const auto* monitoring = dynamic_cast<const MonitoringPort*>(port.get());
     if (monitoring == nullptr || !monitoring->HasDefaultPassword()) continue;
     const std::string name = port->GetName().empty() ? "" : port->GetName() + ", ";
     warnings.push_back(FWStringUtils::Printf(
@@ -263,8 +262,8 @@ void SessionManager::LogBanner() const {
 // The log shows that a password is set, never the password itself.
 void SessionManager::LogConfiguration() const {
   SessionManager masked(*this);
-  for (ProxyPort* port : masked.ports_) {
-    auto* monitoring = dynamic_cast<MonitoringPort*>(port);
+  for (const std::unique_ptr<ProxyPort>& port : masked.ports_) {
+    auto* monitoring = dynamic_cast<MonitoringPort*>(port.get());
     if (monitoring != nullptr && !monitoring->GetPassword().empty()) {
       monitoring->SetPassword(FWString("********"));
     }
@@ -329,7 +328,7 @@ void SessionManager::Exit() {
     LogStream.Log(FWStringUtils::Printf("%s shutting down", FWProduct::GetDisplayName().c_str()));
     SaveStatisticsFile(TodayNumber());
     ThreadStop();
-    for (ProxyPort* port : ports_) port->Close();
+    for (const std::unique_ptr<ProxyPort>& port : ports_) port->Close();
   } catch (...) {
     // Whatever failed, the daemon still goes down; the steps after the failing one are skipped.
     LogStream.Log(FWNotification("Shutdown incomplete", 0, FWNotification::kWarning));
@@ -399,7 +398,7 @@ void SessionManager::Select() {
 
 SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
   PassSets sets;
-  for (ProxyPort* port : ports_) {
+  for (const std::unique_ptr<ProxyPort>& port : ports_) {
     CollectSessions(*port, sets);
     if (IsListenerPolled(*port)) sets.Add(port->GetListeningSocket(), POLLIN);
     Counter.Set(port->GetName() + "_Active", static_cast<uint32_t>(port->GetSessions().size()));
@@ -418,12 +417,11 @@ SessionManager::PassSets SessionManager::ReapAndCollectSockets() {
 void SessionManager::CollectSessions(ProxyPort& port, PassSets& sets) {
   ProxyPort::SessionList& sessions = port.GetSessions();
   for (auto it = sessions.begin(); it != sessions.end();) {
-    ProxySession* session = *it;
+    ProxySession* session = it->get();
     if (!session->IsOpen()) {
       used_numbers_.erase(session->GetNumber());
       free_numbers_.insert(session->GetNumber());
-      delete session;
-      it = sessions.erase(it);
+      it = sessions.erase(it);  // destroys the session
       continue;
     }
     if (session->IsBehind()) sets.busy = true;
@@ -474,9 +472,9 @@ bool SessionManager::TickClock() {
 }
 
 void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_second) {
-  for (ProxyPort* port : ports_) {
+  for (const std::unique_ptr<ProxyPort>& port : ports_) {
     const std::string name = port->GetName();
-    for (ProxySession* session : port->GetSessions()) {
+    for (const std::unique_ptr<ProxySession>& session : port->GetSessions()) {
       try {
         ServeTransfers(name, *session, sets, ready);
         if (new_second || session->IsBehind()) session->CheckActive();
@@ -527,7 +525,10 @@ void SessionManager::ServeTransfers(const std::string& name, ProxySession& sessi
 void SessionManager::AcceptConnections(const PassSets& sets) {
   if (ports_.empty()) return;
   rotation_ = (rotation_ + 1) % static_cast<unsigned int>(ports_.size());
-  std::vector<ProxyPort*> order(ports_.begin(), ports_.end());
+  // Views of the ports; the list keeps owning them.
+  std::vector<ProxyPort*> order;
+  order.reserve(ports_.size());
+  for (const std::unique_ptr<ProxyPort>& port : ports_) order.push_back(port.get());
   std::rotate(order.begin(), order.begin() + rotation_, order.end());
   for (ProxyPort* port : order) {
     if (!sets.IsReadable(port->GetListeningSocket())) continue;
@@ -541,6 +542,7 @@ void SessionManager::AcceptConnections(const PassSets& sets) {
 // is made only for a connection that is there.
 bool SessionManager::AcceptWaiting(ProxyPort& port) {
   for (bool waiting = true; waiting && IsListenerPolled(port);) {
+    // A view: the port's list owns the session.
     const ProxySession* session = port.SessionOpen(static_cast<int>(TakeNumber(port)));
     const int error = session->GetAcceptError();
     if (FWSocketManager::IsResourceShortage(error)) {

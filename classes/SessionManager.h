@@ -33,15 +33,15 @@ class ProxySession;
 // message and resumed it.
 class SessionManager final : public FWObject, public FWSubscriber {
  public:
-  // The ports, in configuration order. The manager owns every port in the list: a pointer put
-  // into it is deleted by the manager (Clear, destruction, assignment).
-  using PortList = std::list<ProxyPort*>;
+  // The ports, in configuration order. The list owns them; the manager empties it on Clear,
+  // destruction and assignment.
+  using PortList = std::list<std::unique_ptr<ProxyPort>>;
 
   SessionManager();
   // Deep copy of the configuration: the ports are cloned (closed, without sessions). The run-time
   // state starts afresh.
   SessionManager(const SessionManager& other);
-  // Kills a worker thread that still runs, then deletes the ports (which closes them).
+  // Kills a worker thread that still runs, then destroys the ports (which closes them).
   ~SessionManager() override;
 
   SessionManager* New() const override;
@@ -50,7 +50,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
   bool IsEqual(const FWObject* other) const override;
   const FWObject* Cast(const FWObject* object) const override;
   FWObject* Cast(FWObject* object) const override;
-  // Deletes the ports and empties the list; MaxLogFileDays and MaxLogFileSize stay as they are.
+  // Empties the port list, which destroys the ports; MaxLogFileDays and MaxLogFileSize stay as
+  // they are.
   void Clear() override;
   // The registry's "SessionManager" record; throws FWEAssertionFailed("Class")
   // ("classes/SessionManager", 185) if it is missing.
@@ -180,8 +181,6 @@ class SessionManager final : public FWObject, public FWSubscriber {
    private:
     short Revents(int fd, short wanted) const;
   };
-
-  void DeletePorts();
 
   // The steps of Init and Exit.
   void LogBanner() const;

@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 
 #include "FWException.h"
 #include "FWObject.h"
@@ -36,13 +35,13 @@ class VirtualAccessor {
   VirtualAccessor& operator=(const VirtualAccessor&) = default;
 };
 
-// A position in a container of owned element pointers (for example std::list<ProxyPort*>). The
-// container is not owned and must outlive the accessor; it owns its elements, so Delete() destroys
-// the element it removes, and Insert() hands the object to the container.
+// A position in a std::list of std::unique_ptr elements (for example SessionManager::PortList).
+// The container is not owned and must outlive the accessor; it owns its elements, so Delete()
+// destroys the element it removes, and Insert() hands the object to the container.
 template <typename Container>
 class TypedAccessor final : public VirtualAccessor {
  public:
-  using Element = std::remove_pointer_t<typename Container::value_type>;
+  using Element = typename Container::value_type::element_type;
   using Position = typename Container::iterator;
 
   TypedAccessor(Container* container, Position position)
@@ -52,12 +51,12 @@ class TypedAccessor final : public VirtualAccessor {
   void Decrement() override { --position_; }
   void Delete() override {
     CheckNotAtEnd("Delete");
-    delete *position_;
     position_ = container_->erase(position_);
   }
+  // The element stays owned by the container.
   FWObject* Get() const override {
     CheckNotAtEnd("Get");
-    return *position_;
+    return position_->get();
   }
   void Increment() override { ++position_; }
   // Throws FWEBadCast("container member class") when `object` is not an Element; the caller then
@@ -66,7 +65,14 @@ class TypedAccessor final : public VirtualAccessor {
     Element* element = dynamic_cast<Element*>(object);
     if (element == nullptr)
       throw FWEBadCast("src/FWIterator", 55, std::string("container member class"));
-    position_ = container_->insert(position_, element);
+    // The node is allocated before it adopts the object, so a failing allocation leaves the
+    // object with the caller, as the bad cast does.
+    Container node;
+    node.emplace_back();
+    node.front().reset(element);
+    const Position inserted = node.begin();
+    container_->splice(position_, node);
+    position_ = inserted;
   }
   // Throws FWEBadCast("accessor type") when `other` is not an accessor of this kind.
   bool IsEqual(const VirtualAccessor* other) const override {

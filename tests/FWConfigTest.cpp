@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -40,7 +41,7 @@ std::string Parse(const std::string& text) {
     return "failed: " + e.GetNotification().GetRawText();
   }
   std::string result = Settings(manager);
-  for (const ProxyPort* port : manager.GetPorts()) result += " | " + Settings(*port);
+  for (const auto& port : manager.GetPorts()) result += " | " + Settings(*port);
   return result;
 }
 
@@ -143,7 +144,7 @@ TEST(FWConfigTest, FileOfExactly100000BytesIsReadAndOneByteMoreIsNot) {
 // of 1024: the soft limit is raised as far as the hard limit allows.
 TEST(FWConfigTest, SoftDescriptorLimitIsRaisedForTheSessionPool) {
   SessionManager manager;
-  manager.GetPorts().push_back(new MonitoringPort());
+  manager.GetPorts().push_back(std::make_unique<MonitoringPort>());
   rlimit saved{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
   ASSERT_GE(saved.rlim_max, 1024u) << "the test needs a hard descriptor limit of 1024";

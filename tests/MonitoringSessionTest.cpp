@@ -181,11 +181,12 @@ class MonitoringSessionTest : public ::testing::Test {
     testutil::WriteFile(root_.File("notes.txt"), "");
     ASSERT_EQ(::mkdir(root_.File("sub").c_str(), 0755), 0);
     testutil::WriteFile(root_.File("sub/c.log"), "");
-    port_ = new MonitoringPort();
+    auto port = std::make_unique<MonitoringPort>();
+    port_ = port.get();
     port_->SetIncomingServer(FWString("127.0.0.1"));
     port_->SetIncomingPort(FWString(FreePort()));
     port_->SetDocumentRoot(FWString(root_.Path()));
-    manager_.GetPorts().push_back(port_);
+    manager_.GetPorts().push_back(std::move(port));
     manager_.SetUpdateCheck("", milliseconds(1000));
     // Every pass is a new second, so every pass polls the transmitted file; a test that stops
     // the clock moves it itself.
@@ -303,7 +304,7 @@ class MonitoringSessionTest : public ::testing::Test {
     Expect("+OK start transmitting " + root_.Path() + "/a.log\r\n");
   }
   MonitoringSession& Session() {
-    return *dynamic_cast<MonitoringSession*>(port_->GetSessions().front());
+    return *dynamic_cast<MonitoringSession*>(port_->GetSessions().front().get());
   }
   // The log prefix of the first monitoring session: numbers are taken from the top of the pool.
   std::string Prefix() const {
@@ -829,7 +830,7 @@ TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyIts
   Pump(3);
   for (FeedClient* client : clients) EXPECT_FALSE(client->HasMessage()) << "data sent twice";
   ASSERT_EQ(manager_.GetLogFeeds()->size(), 1u);
-  for (ProxySession* session : port_->GetSessions()) {
+  for (const auto& session : port_->GetSessions()) {
     const auto& follower = dynamic_cast<MonitoringSession&>(*session);
     EXPECT_NE(follower.GetFeed(), nullptr);
     EXPECT_EQ(follower.GetFeed(), Session().GetFeed());

@@ -244,11 +244,12 @@ class SessionManagerLoopTest : public ::testing::Test {
 
   // A port on 127.0.0.1 and a free port number, appended to the manager.
   LoopPort* AddPort(const std::string& name, LoopPort::Kind kind = LoopPort::Kind::kEcho) {
-    auto* port = new LoopPort(kind);
+    auto owned = std::make_unique<LoopPort>(kind);
+    LoopPort* port = owned.get();  // the manager's list owns the port
     port->SetName(FWString(name));
     port->SetIncomingServer(FWString("127.0.0.1"));
     port->SetIncomingPort(FWString(FreePort()));
-    manager_.GetPorts().push_back(port);
+    manager_.GetPorts().push_back(std::move(owned));
     return port;
   }
   // Runs passes of the loop until pred holds, for at most kWait.
@@ -264,7 +265,7 @@ class SessionManagerLoopTest : public ::testing::Test {
   }
   static Numbers NumbersOf(const ProxyPort* port) {
     Numbers numbers;
-    for (const ProxySession* session : port->GetSessions()) numbers.insert(session->GetNumber());
+    for (const auto& session : port->GetSessions()) numbers.insert(session->GetNumber());
     return numbers;
   }
 
@@ -295,7 +296,7 @@ TEST_F(SessionManagerLoopTest, EchoSessionIsServedFinishedAndReapedOnTheNextPass
   manager_.Init();
   auto client = Peer::Connect(port->GetIncomingPort());
   ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
-  ProxySession* session = port->GetSessions().front();
+  ProxySession* session = port->GetSessions().front().get();
   EXPECT_EQ(session->GetNumber(), 0u);
   EXPECT_EQ(manager_.GetUsedNumbers(), Numbers{0});
   client->Write("hello");
@@ -399,7 +400,7 @@ TEST_F(SessionManagerLoopTest, CheckActiveRunsOncePerChangeOfTheClock) {
   manager_.Init();
   auto client = Peer::Connect(port->GetIncomingPort());
   ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
-  const auto* session = dynamic_cast<const EchoSession*>(port->GetSessions().front());
+  const auto* session = dynamic_cast<const EchoSession*>(port->GetSessions().front().get());
   ASSERT_NE(session, nullptr);
   const int calls = session->GetCheckActiveCalls();
   manager_.Select();
@@ -439,16 +440,17 @@ TEST_F(SessionManagerLoopTest, PlainPortsTakeTheSmallestNumberAndGetItBackAfterR
 // Monitoring sessions take their numbers from the top of the pool.
 TEST_F(SessionManagerLoopTest, MonitoringPortTakesTheLargestNumber) {
   testutil::TempDir root;
-  auto* port = new MonitoringPort();
+  auto owned = std::make_unique<MonitoringPort>();
+  MonitoringPort* port = owned.get();  // the manager's list owns the port
   port->SetIncomingServer(FWString("127.0.0.1"));
   port->SetIncomingPort(FWString(FreePort()));
   port->SetDocumentRoot(FWString(root.Path()));
-  manager_.GetPorts().push_back(port);
+  manager_.GetPorts().push_back(std::move(owned));
   manager_.Init();
   EXPECT_EQ(manager_.GetFreeNumbers().size(), PoolSize());
   auto client = Peer::Connect(port->GetIncomingPort());
   ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
-  const ProxySession* session = port->GetSessions().front();
+  const ProxySession* session = port->GetSessions().front().get();
   EXPECT_NE(dynamic_cast<const MonitoringSession*>(session), nullptr);
   EXPECT_TRUE(session->IsOpen());
   EXPECT_EQ(session->GetNumber(), PoolSize() - 1);
