@@ -14,6 +14,7 @@
 #include <sstream>
 #include <utility>
 
+#include "FWDescriptor.h"
 #include "FWException.h"
 #include "FWFeedCodec.h"
 #include "FWFile.h"
@@ -88,24 +89,6 @@ bool WriteAll(int fd, const std::string& text) {
   }
   return true;
 }
-
-// Owns one socket descriptor: closed once by the destructor or Reset.
-class SocketHandle final {
- public:
-  SocketHandle() = default;
-  ~SocketHandle() { Reset(); }
-  SocketHandle(const SocketHandle&) = delete;
-  SocketHandle& operator=(const SocketHandle&) = delete;
-
-  int Get() const { return fd_; }
-  void Reset(int fd = -1) {
-    if (fd_ >= 0) FWSocketManager::GetInstance().CloseSocket(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 }  // namespace
 
@@ -205,7 +188,7 @@ class NorvaneClient::Feed final {
   const bool prefixed_;
   const std::size_t colour_;
   FWFeedCodec codec_;
-  SocketHandle socket_;
+  FWDescriptor socket_;
   Phase phase_ = Phase::kConnecting;
   std::string send_buffer_;
   bool has_deadline_ = false;
