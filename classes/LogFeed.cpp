@@ -56,7 +56,7 @@ void LogFeed::Leave(Follower* follower) {
 }
 
 // Frames are made only for the kinds some follower takes, once each.
-void LogFeed::Poll(bool check_path) {
+int LogFeed::Poll(bool check_path) {
   for (Follower* follower : followers_) {
     if (follower->GetOwnTail() != nullptr || !follower->IsHeldBack()) continue;
     // Without a descriptor for its own reader the follower keeps taking frames past its bound:
@@ -69,6 +69,7 @@ void LogFeed::Poll(bool check_path) {
   const LogTail::Step after = tail_.GetStep();
   std::vector<FWSharedBytes> replies;
   std::vector<FWSharedBytes> positioned;
+  int delivered = 0;
   for (Follower* follower : followers_) {
     if (const LogTail* own = follower->GetOwnTail(); own != nullptr) {
       const LogTail::Step step = own->GetStep();
@@ -84,7 +85,9 @@ void LogFeed::Poll(bool check_path) {
     std::vector<FWSharedBytes>& frames = positions ? positioned : replies;
     if (frames.empty()) frames = Frame(codec_, data, tail_.GetPosition(), positions);
     follower->Deliver(frames);
+    ++delivered;
   }
+  return delivered;
 }
 
 void LogFeed::Rejoin(Follower* follower) {
@@ -238,11 +241,11 @@ void LogFeeds::PollDue(bool new_second) {
     // last second has shown that they do.
     const bool fallback = new_second && now - feed.last_poll_ >= kFallbackMs;
     if (!fallback && !event && !feed.WantsMore()) continue;
-    polled += event ? 1 : 0;
     const bool check_path = fallback || feed.path_changed_ || events_ < 0;
     if (event) feed.due_ = feed.path_changed_ = false;
     if (event || fallback) feed.last_poll_ = now;
-    feed.Poll(check_path);
+    const int delivered = feed.Poll(check_path);
+    if (event) polled += std::max(delivered, 1);
     Watch(feed);
   }
   if (polled > 0) next_round_ = NowMs() + std::clamp(polled, kMinRoundGap, kMaxRoundGap);

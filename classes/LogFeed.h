@@ -61,7 +61,8 @@ class LogFeed final {
   // Polls the file once: followers in step get the frames; a follower held back first gets a
   // reader of its own; one with its own reader that stands where the feed stood or stands now
   // joins the feed. Without check_path the path is taken as unchanged (see LogTail::Poll).
-  void Poll(bool check_path = true);
+  // Returns the number of followers that got frames.
+  int Poll(bool check_path = true);
   // After the follower polled its own reader: joins the feed when the two readers are in step.
   void Rejoin(Follower* follower);
   // The file has more unread data than one poll takes, and a follower in step takes it.
@@ -121,12 +122,12 @@ class LogFeeds final {
   // Reads the waiting events and marks the feeds they concern as due.
   void ReadEvents();
   // Polls every feed that wants more and, on a new second, every feed not read within the last
-  // second. Feeds with events are
-  // polled in rounds: a round that polled N of them is followed by the next no sooner than
-  // kMinRoundGap or N ms later, whichever is longer (at most kMaxRoundGap). A write to a quiet
-  // file is read within a millisecond of its event; a file written all the time is read for
-  // several writes at once, and so are many busy files, so that the daemon's cost per byte stays
-  // near that of compressing and enciphering it.
+  // second. Feeds with events are polled in rounds: a round that sent frames to N sessions (a
+  // feed without followers counts as one) is followed by the next no sooner than kMinRoundGap or
+  // N ms later, whichever is longer (at most kMaxRoundGap). A write to a quiet file is read
+  // within a millisecond of its event; a file written all the time is read for several writes at
+  // once, and so are many busy files or a file that many sessions follow, so that the daemon's
+  // cost per byte stays near that of compressing and enciphering it.
   void PollDue(bool new_second);
   // A feed wants more: the pass must not wait.
   bool IsBusy() const;
