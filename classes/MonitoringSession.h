@@ -123,17 +123,12 @@ class MonitoringSession final : public ProxySession {
 
   // Client role: the data lines received so far, each with its "\r\n".
   const std::string& GetReceivedText() const { return received_text_; }
-  // Full path of the file being (or last) transmitted.
-  const std::string& GetCurrentFile() const { return current_file_; }
   // Names relative to DocumentRoot, sorted by byte value; collected once, at the first "list" or
   // "start" after login.
   const std::vector<std::string>& GetLogFiles() const { return log_files_; }
   int GetClientState() const { return client_state_; }
   int GetServerState() const { return server_state_; }
   bool IsTransmitting() const { return transmitting_; }
-  bool IsUserAccepted() const { return user_accepted_; }
-  // Time of the last "start" command; 0 before one.
-  std::time_t GetLastStartTime() const { return last_start_time_; }
 
  private:
   // Received text not yet split into lines. Lines are cut off the front without moving the rest,

@@ -51,10 +51,6 @@ class Blowfish {
   // Deciphers the size / 8 whole blocks at data in place.
   void DecipherBlocks(char* data, std::size_t size) const;
 
-  // The current tables: the P-array and the four S-boxes.
-  const PArray& GetP() const { return p_; }
-  const SBoxes& GetS() const { return s_; }
-
  private:
   // The round function: ((S1[a] + S2[b]) ^ S3[c]) + S4[d], a the most significant byte of x.
   Word F(Word x) const {

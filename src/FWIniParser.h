@@ -42,10 +42,6 @@ class FWIniParser final : public FWParser {
   void ParseToList(std::list<FWObject*>& objects, const std::string& source,
                    bool from_file) override;
 
-  // The version of the last text parsed ("" before the first parse or when it had none); the
-  // supported version after a generate.
-  const std::string& GetFileVersion() const { return file_version_; }
-
  private:
   struct ReaderState;
   enum class HeaderOutcome { kContinue, kEndObject };

@@ -46,12 +46,8 @@ class FWLogStream {
   void SetMaxDays(int32_t days) { max_days_ = days; }
   int64_t GetMaxSize() const { return max_size_; }
   void SetMaxSize(int64_t size) { max_size_ = size; }
-  uint32_t GetBufferLimit() const { return buffer_limit_; }
   void SetBufferLimit(uint32_t limit) { buffer_limit_ = limit; }
   const std::string& GetLogBuffer() const { return buffer_; }
-  const std::string& GetFileName() const { return file_name_; }
-  int64_t GetFileSize() const { return file_size_; }
-  int32_t GetFileDay() const { return file_day_; }
   bool IsOpen() const { return file_ != nullptr; }
   // Every entry is also written to this stream (not owned; null for none), for a daemon that runs
   // in the foreground.

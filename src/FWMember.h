@@ -71,7 +71,6 @@ class FWMember : public FWObject {
   void SetRequired(const FWVariable<int>& required) { required_ = required; }
   FWString GetCaption() const { return caption_; }
   void SetCaption(const FWString& caption) { caption_ = caption; }
-  const FWClass* GetOwner() const { return owner_; }
   void SetOwner(const FWClass* owner) { owner_ = owner; }
 
   // True when `cls` is the owner or derives from it: a member of ProxyPort is a member of

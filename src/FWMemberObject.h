@@ -59,7 +59,6 @@ class FWMemberObject : public FWObject {
   // "n" for a list of any length.
   FWString GetMultiplicity() const { return multiplicity_; }
   void SetMultiplicity(const FWString& multiplicity) { multiplicity_ = multiplicity; }
-  const FWClass* GetOwner() const { return owner_; }
   void SetOwner(const FWClass* owner) { owner_ = owner; }
 
   // As FWMember::IsMemberOf.

@@ -65,8 +65,6 @@ class FWPublisher {
   // subscriber must not link to or unlink from this publisher while it handles the call.
   void NotificationSend(const FWNotification& notification);
 
-  const std::set<FWSubscriber*>& GetSubscribers() const { return subscribers_; }
-
  private:
   friend class FWSubscriber;
   std::set<FWSubscriber*> subscribers_;
@@ -86,8 +84,6 @@ class FWSubscriber {
   // Subscribes to every publisher that the other subscriber is attached to.
   void SubscribeAll(const FWSubscriber& other);
   void UnsubscribeAll();
-
-  const std::set<FWPublisher*>& GetPublishers() const { return publishers_; }
 
  private:
   friend class FWPublisher;
