@@ -1,6 +1,5 @@
 #include "ProxySession.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cerrno>
@@ -12,16 +11,6 @@
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 #include "ProxyPort.h"
-
-namespace {
-
-std::string Dotted(const sockaddr_in& address) {
-  char buffer[INET_ADDRSTRLEN];
-  if (inet_ntop(AF_INET, &address.sin_addr, buffer, sizeof(buffer)) == nullptr) return "";
-  return buffer;
-}
-
-}  // namespace
 
 ProxySession::ProxySession(int number, ProxyPort* port)
     : log_prefix_(FWStringUtils::Printf("Session %d: ", number)),
@@ -92,7 +81,7 @@ void ProxySession::CheckFinished() {
 void ProxySession::GetPeerInfo(int socket, std::string& host, std::string& address) {
   sockaddr_in peer{};
   FWSocketManager::GetInstance().AddressOfPeer(peer, socket);
-  address = Dotted(peer);
+  address = FWSocketManager::Dotted(peer.sin_addr);
   host.clear();
 }
 
@@ -100,7 +89,7 @@ void ProxySession::GetPeerInfo(int socket, std::string& host, std::string& addre
 void ProxySession::GetSockInfo(int socket, std::string& host, std::string& address) {
   sockaddr_in local{};
   FWSocketManager::GetInstance().AddressOfSocket(local, socket);
-  address = Dotted(local);
+  address = FWSocketManager::Dotted(local.sin_addr);
   host.clear();
 }
 

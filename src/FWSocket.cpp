@@ -43,12 +43,6 @@ constexpr std::size_t kResolverConfigLimit = 100000;
 
 bool IsTransient(int error) { return error == EINTR || error == EAGAIN || error == EWOULDBLOCK; }
 
-std::string Dotted(const in_addr& address) {
-  char buffer[INET_ADDRSTRLEN];
-  if (inet_ntop(AF_INET, &address, buffer, sizeof(buffer)) == nullptr) return "";
-  return buffer;
-}
-
 sockaddr* AsSockaddr(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
 
 const sockaddr* AsSockaddr(const sockaddr_in& address) {
@@ -56,6 +50,12 @@ const sockaddr* AsSockaddr(const sockaddr_in& address) {
 }
 
 }  // namespace
+
+std::string FWSocketManager::Dotted(const in_addr& address) {
+  char buffer[INET_ADDRSTRLEN];
+  if (inet_ntop(AF_INET, &address, buffer, sizeof(buffer)) == nullptr) return "";
+  return buffer;
+}
 
 FWSocketManager& FWSocketManager::GetInstance() {
   static FWSocketManager instance;

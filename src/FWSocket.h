@@ -23,6 +23,8 @@ class FWSocketManager final {
   static constexpr std::size_t kTransferLimit = 32000;
 
   static FWSocketManager& GetInstance();
+  // The address in dotted form ("127.0.0.1"); "" when it cannot be written.
+  static std::string Dotted(const in_addr& address);
 
   FWSocketManager(const FWSocketManager&) = delete;
   FWSocketManager& operator=(const FWSocketManager&) = delete;
