@@ -109,7 +109,7 @@ namespace {
 std::string GetErrorMessage(int error) {
   char buffer[256] = {};
   const std::string text = StrerrorText(::strerror_r(error, buffer, sizeof(buffer)), buffer);
-  return FWStringUtils::TrimLeft(FWStringUtils::TrimRight(text));
+  return FWStringUtils::Trim(text);
 }
 
 bool DeleteDir(const char* directory) {

@@ -16,10 +16,6 @@ constexpr const char* kSource = "src/FWIniParser";
 constexpr const char* kVersionKey = "FileVersion=";
 constexpr const char* kParseError = "parse error: ";
 
-std::string Strip(const std::string& text) {
-  return FWStringUtils::TrimLeft(FWStringUtils::TrimRight(text));
-}
-
 // Blank lines and lines starting with ";" or "#" (comments stand on lines of their own).
 bool IsBlankOrComment(const std::string& stripped_line) {
   return stripped_line.empty() || stripped_line[0] == ';' || stripped_line[0] == '#';
@@ -99,7 +95,7 @@ bool FWIniParser::HasLine() const { return text_.find('\n', position_) != std::s
 
 std::string FWIniParser::CurrentLine() const {
   const std::size_t end = text_.find('\n', position_);
-  return Strip(text_.substr(position_, end - position_));
+  return FWStringUtils::Trim(text_.substr(position_, end - position_));
 }
 
 void FWIniParser::NextLine() {
@@ -120,7 +116,8 @@ bool FWIniParser::SkipInsignificantLines() {
 void FWIniParser::ParseVersionLine() {
   const std::string line = CurrentLine();
   const bool has_version = line.find(kVersionKey) != std::string::npos;
-  if (has_version) file_version_ = FWStringUtils::Unquote(Strip(line.substr(line.find('=') + 1)));
+  if (has_version)
+    file_version_ = FWStringUtils::Unquote(FWStringUtils::Trim(line.substr(line.find('=') + 1)));
   if (file_version_ != supported_version_) FailParse("version not supported");
   if (has_version) NextLine();
 }
@@ -146,8 +143,8 @@ void FWIniParser::ParseKeyLine(const std::string& line, const ReaderState& state
   const std::size_t equals = line.find('=');
   // A key before the first header has no object to go to.
   if (equals == std::string::npos || state.cls == nullptr) FailParse(kParseError + line);
-  const std::string key = Strip(line.substr(0, equals));
-  const std::string value = FWStringUtils::Unquote(Strip(line.substr(equals + 1)));
+  const std::string key = FWStringUtils::Trim(line.substr(0, equals));
+  const std::string value = FWStringUtils::Unquote(FWStringUtils::Trim(line.substr(equals + 1)));
   NextLine();
   const FWMember* member = state.cls->GetMember(key);
   if (member == nullptr) {
@@ -162,7 +159,7 @@ FWIniParser::HeaderOutcome FWIniParser::ParseSectionHeader(const std::string& li
   const std::size_t close = line.find(']');
   if (close == std::string::npos) FailParse(kParseError + line);
   // Names are compared stripped, so "[ A ]" repeats "[A]".
-  const std::string name = Strip(line.substr(1, close - 1));
+  const std::string name = FWStringUtils::Trim(line.substr(1, close - 1));
   if (name == state.section) return HeaderOutcome::kEndObject;
   state.section = name;
   // A section whose path does not contain ours belongs to an ancestor.

@@ -44,13 +44,6 @@ bool LoadText(const std::string& path, std::string& text) {
   return true;
 }
 
-std::string Trim(const std::string& text) {
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string::npos) return "";
-  const std::size_t last = text.find_last_not_of(" \t\r\n");
-  return text.substr(first, last - first + 1);
-}
-
 // Splits "1.20.3" into its numbers; false unless the text is dotted numbers of bounded size.
 bool ParseVersion(const std::string& text, std::vector<long>& numbers) {
   numbers.clear();
@@ -242,7 +235,7 @@ bool UpdateCheck::ReadResponse(int fd, Clock::time_point deadline, std::string& 
 }
 
 bool UpdateCheck::ParseResponse(const std::string& response, std::string& version) {
-  const std::string status = Trim(response.substr(0, response.find('\n')));
+  const std::string status = FWStringUtils::Trim(response.substr(0, response.find('\n')));
   if (status.empty()) return Fail("empty answer from " + Peer());
   if (!IsOkStatus(status)) return Fail("server answered '" + status.substr(0, 80) + "'");
   std::size_t body = response.find("\r\n\r\n");
@@ -252,7 +245,7 @@ bool UpdateCheck::ParseResponse(const std::string& response, std::string& versio
     body = unix_body + 2;
   }
   if (body == std::string::npos) return Fail("answer without a blank line after the header");
-  version = Trim(response.substr(body, response.find('\n', body) - body));
+  version = FWStringUtils::Trim(response.substr(body, response.find('\n', body) - body));
   if (version.empty()) return Fail("answer without a version");
   std::vector<long> numbers;
   if (!ParseVersion(version, numbers)) {

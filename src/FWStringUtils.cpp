@@ -201,6 +201,8 @@ std::string FWStringUtils::TrimRight(const std::string& s) {
   return s.substr(start);
 }
 
+std::string FWStringUtils::Trim(const std::string& s) { return TrimLeft(TrimRight(s)); }
+
 std::string FWStringUtils::Quote(const std::string& s) {
   if (!s.empty() && s[0] == '"') return s;
   return "\"" + s + "\"";

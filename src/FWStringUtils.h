@@ -31,6 +31,8 @@ class FWStringUtils {
   // START.
   static std::string TrimLeft(const std::string& s);
   static std::string TrimRight(const std::string& s);
+  // White space removed from both ends.
+  static std::string Trim(const std::string& s);
 
   static std::string Quote(const std::string& s);
   static std::string Unquote(const std::string& s);
