@@ -17,15 +17,11 @@ namespace {
 constexpr const char* kGreetingTail = " Monitoring Service Ready.\r\n";
 constexpr const char* kLineEnd = "\r\n";
 
-bool StartsWith(const std::string& text, const std::string& start) {
-  return text.compare(0, start.size(), start) == 0;
-}
-
 // The argument of a command line: the leading keyword removed (case-sensitively: "USER x" keeps
 // its keyword and so names an unknown user), then leading white space and every "\r\n". Only
 // the keyword is removed, so names such as restart.log and passwords such as bypass1 survive.
 std::string Argument(std::string line, const std::string& keyword) {
-  if (StartsWith(line, keyword)) line.erase(0, keyword.size());
+  if (line.starts_with(keyword)) line.erase(0, keyword.size());
   line = FWStringUtils::TrimRight(line);  // the product's name: strips the start
   FWStringUtils::ReplaceAll(line, kLineEnd, "");
   return line;
@@ -340,13 +336,13 @@ void MonitoringSession::HandleCommand(const std::string& line) {
 }
 
 void MonitoringSession::HandleLoggedIn(const std::string& line, const std::string& lower) {
-  if (StartsWith(lower, "start")) {
+  if (lower.starts_with("start")) {
     CollectLogfilesOnce();
     HandleStart(line);
-  } else if (StartsWith(lower, "backlog ")) {
+  } else if (lower.starts_with("backlog ")) {
     CollectLogfilesOnce();
     HandleBacklog(line);
-  } else if (StartsWith(lower, "resume ")) {
+  } else if (lower.starts_with("resume ")) {
     CollectLogfilesOnce();
     HandleResume(line);
   } else if (lower == "stop\r\n") {
@@ -366,12 +362,12 @@ void MonitoringSession::HandleLoggedIn(const std::string& line, const std::strin
 }
 
 void MonitoringSession::HandleLogin(const std::string& line, const std::string& lower) {
-  if (StartsWith(lower, "user")) {
+  if (lower.starts_with("user")) {
     const std::string user = Argument(line, "user");
     if (!user.empty()) HandleUser(user);
     return;
   }
-  if (StartsWith(lower, "pass") && user_accepted_) {
+  if (lower.starts_with("pass") && user_accepted_) {
     const std::string password = Argument(line, "pass");
     if (!password.empty()) HandlePassword(password);
     return;
