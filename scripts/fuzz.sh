@@ -33,9 +33,9 @@ shift $((OPTIND - 1))
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then targets=(SessionFuzzer IniFuzzer TimeFuzzer WildcardFuzzer); fi
 
-echo "==> Fuzz build in build-fuzz/ (clang++, libFuzzer, address, undefined)"
+echo "==> Fuzz build in build-fuzz/ (clang++, libFuzzer, address, undefined, warnings as errors)"
 cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DNORVANE_FUZZ=ON -DNORVANE_TESTS=OFF \
-  >/dev/null
+  -DNORVANE_WERROR=ON >/dev/null
 cmake --build build-fuzz -j "$(nproc 2>/dev/null || echo 2)" --target "${targets[@]}"
 
 mkdir -p build-fuzz/logs build-fuzz/artifacts
