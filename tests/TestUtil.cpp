@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -208,10 +209,37 @@ bool FeedPeer::Accept() {
   return fd_ >= 0;
 }
 
-void FeedPeer::Send(const std::string& message) {
-  const std::string frame = codec_.Frame(message);
-  ASSERT_EQ(::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(frame.size()));
+void FeedPeer::Send(const std::string& message) { SendRaw(codec_.Frame(message)); }
+
+void FeedPeer::SendRaw(const std::string& bytes) {
+  ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+std::string FeedPeer::ReceiveRaw(std::size_t size, milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::string data;
+  char buffer[65536];
+  while (data.size() < size) {
+    const auto left = std::max<long long>(
+        0, std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now())
+               .count());
+    pollfd entry{fd_, POLLIN, 0};
+    if (::poll(&entry, 1, static_cast<int>(left)) != 1) break;
+    const ssize_t got = ::recv(fd_, buffer, std::min(sizeof(buffer), size - data.size()), 0);
+    if (got <= 0) {
+      closed_ = true;
+      break;
+    }
+    data.append(buffer, static_cast<std::size_t>(got));
+  }
+  return data;
+}
+
+void FeedPeer::Reset() {
+  const linger reset{1, 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  Close();
 }
 
 std::string FeedPeer::Receive(milliseconds timeout) {
@@ -221,15 +249,17 @@ std::string FeedPeer::Receive(milliseconds timeout) {
     const FWFeedCodec::Result result = codec_.Next(&message);
     if (result == FWFeedCodec::Result::kMessage) return message;
     if (result != FWFeedCodec::Result::kNeedMore) return "<bad frame>";
-    const auto left =
-        std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left = std::max<long long>(
+        0, std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now())
+               .count());
     pollfd entry{fd_, POLLIN, 0};
-    if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) != 1) {
-      return "<timeout>";
-    }
+    if (::poll(&entry, 1, static_cast<int>(left)) != 1) return "<timeout>";
     char buffer[65536];
     const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
-    if (got <= 0) return "<closed>";
+    if (got <= 0) {
+      closed_ = true;
+      return "<closed>";
+    }
     codec_.Append(std::string_view(buffer, static_cast<std::size_t>(got)));
   }
 }

@@ -137,8 +137,16 @@ class FeedPeer {
   // Sends one message in one frame.
   void Send(const std::string& message);
   // The next message; "<closed>" when the other end closed, "<timeout>" when nothing whole
-  // arrived in time, "<bad frame>" for anything that is not a frame.
+  // arrived in time (with a timeout of 0: from what has arrived), "<bad frame>" for anything
+  // that is not a frame.
   std::string Receive(milliseconds timeout = seconds(10));
+  // Raw bytes, for peers of sessions that do not frame: sends all of them; receives what comes
+  // within the timeout, up to size bytes. Closed() tells when the other end has closed.
+  void SendRaw(const std::string& bytes);
+  std::string ReceiveRaw(std::size_t size, milliseconds timeout = seconds(10));
+  bool Closed() const { return closed_; }
+  // Closes with a zero linger time: the other end gets a reset.
+  void Reset();
   // As a client: greeting, user and password; the last reply.
   std::string Login(const std::string& password, const std::string& user = "logwatcher");
   void Close();
@@ -147,6 +155,7 @@ class FeedPeer {
   std::unique_ptr<LoopbackListener> listener_;
   int fd_ = -1;
   int port_ = 0;
+  bool closed_ = false;
   FWFeedCodec codec_;
 };
 
