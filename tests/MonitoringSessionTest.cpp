@@ -549,23 +549,34 @@ TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyIts
   }
 }
 
-// The first client stops reading while 20 MiB are appended: the second gets every byte
-// meanwhile. The first, held back past its 8 MiB bound, reads on alone as far as the bound lets
-// it; reading again, it gets every byte, then takes the shared frames again.
+// The first client stops reading while 12 MiB are appended: the second gets every byte
+// meanwhile. The first, held back past its 8 MiB bound, is left behind by the feed, which reads
+// on for the second; reading again, the first gets every byte, then takes the shared frames again.
 TEST_F(MonitoringSessionTest, AStalledClientCostsBoundedMemoryHoldsBackNoOtherAndLosesNothing) {
   Connect(64 * 1024);
+  // Little room in the kernel while the client stalls: the unsent replies reach the bound soon.
+  const auto send_buffer = [&](int size) {
+    ASSERT_EQ(
+        ::setsockopt(Session().GetIncomingSocket(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)), 0);
+  };
+  send_buffer(16 * 1024);
   StartA();
   FeedPeer& fast = StartAnother();
-  const std::string lines = Noise(20 * kMiB, 11);
+  const std::string lines = Noise(12 * kMiB, 11);
+  const std::string later = Noise(64 * 1024, 12);
   testutil::WriteFile(root_.File("a.log"), lines, true);
-  const std::string expected = Dos(lines);
+  std::string expected = Dos(lines);
   std::size_t largest = 0;
   extra_pass_ = [&] { largest = std::max(largest, Session().GetIncomingBuffer().size()); };
   EXPECT_TRUE(ReceiveData(expected.size(), &fast) == expected) << "the fast client's data differs";
   EXPECT_GT(PumpUntilUnsentSettles(), 8 * kMiB);
+  testutil::WriteFile(root_.File("a.log"), later, true);  // read by the feed for the fast client
+  EXPECT_TRUE(ReceiveData(Dos(later).size(), &fast) == Dos(later));
   EXPECT_LE(largest, 12 * kMiB) << "the stalled session held more than its bound";
-  EXPECT_NE(Session().GetOwnTail(), nullptr) << "the stalled session did not read on its own";
+  EXPECT_NE(Session().GetOwnTail(), nullptr) << "the stalled session is not left to read alone";
   extra_pass_ = nullptr;
+  send_buffer(1024 * 1024);
+  expected += Dos(later);
   EXPECT_TRUE(ReceiveData(expected.size()) == expected) << "the stalled client's data differs";
   EXPECT_TRUE(PumpUntil([&] { return Session().GetOwnTail() == nullptr; }));
   testutil::WriteFile(root_.File("a.log"), "after\n", true);
