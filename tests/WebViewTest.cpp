@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -37,6 +38,23 @@ std::string Between(const std::string& text, const std::string& start, const std
   if (from == std::string::npos) return "";
   return text.substr(from + start.size(),
                      text.find(end, from + start.size()) - from - start.size());
+}
+
+// A view of kApp serving on a free port of 127.0.0.1 (its number in *port); null if it cannot
+// listen. An empty token leaves the view open to loopback hosts.
+std::unique_ptr<NorvaneWeb> StartView(const std::string& token, int* port) {
+  NorvaneWeb::Settings settings;
+  settings.port = 0;
+  settings.token = token;
+  auto web = std::make_unique<NorvaneWeb>(settings, std::vector<NorvaneClient::Target>{kApp});
+  std::string error;
+  if (!web->Listen(&error)) {
+    ADD_FAILURE() << error;
+    return nullptr;
+  }
+  web->Start();
+  *port = std::stoi(Between(web->Url(), "127.0.0.1:", "/"));
+  return web;
 }
 
 }  // namespace
@@ -81,14 +99,9 @@ TEST(WebViewTest, ListenAddressesLoopbackAndTokens) {
 }
 
 TEST(WebViewTest, EveryRequestNeedsTheTokenOrWithoutOneALoopbackHost) {
-  NorvaneWeb::Settings settings;
-  settings.port = 0;
-  settings.token = "secret-token";
-  NorvaneWeb web(settings, {kApp});
-  std::string error;
-  ASSERT_TRUE(web.Listen(&error)) << error;
-  web.Start();
-  const int port = std::stoi(Between(web.Url(), "127.0.0.1:", "/"));
+  int port = 0;
+  const auto web = StartView("secret-token", &port);
+  ASSERT_NE(web, nullptr);
   const std::string cookie = "norvane_web_" + std::to_string(port);
   httplib::Client client("127.0.0.1", port);
   for (const char* path : {"/", "/app.js", "/events"}) {
@@ -107,12 +120,10 @@ TEST(WebViewTest, EveryRequestNeedsTheTokenOrWithoutOneALoopbackHost) {
   EXPECT_EQ(client.Get("/app.css", {{"Cookie", "a=b; " + cookie + "=secret-token"}})->status, 200);
   EXPECT_EQ(client.Get("/app.js", {{"Authorization", "Bearer secret-token"}})->status, 200);
 
-  NorvaneWeb::Settings open_settings;
-  open_settings.port = 0;
-  NorvaneWeb open(open_settings, {kApp});
-  ASSERT_TRUE(open.Listen(&error)) << error;
-  open.Start();
-  httplib::Client local("127.0.0.1", std::stoi(Between(open.Url(), "127.0.0.1:", "/")));
+  int open_port = 0;
+  const auto open = StartView("", &open_port);
+  ASSERT_NE(open, nullptr);
+  httplib::Client local("127.0.0.1", open_port);
   EXPECT_EQ(local.Get("/")->status, 200);
   EXPECT_EQ(local.Get("/", {{"Host", "localhost:8080"}})->status, 200);
   // A page of another site whose name was made to point at 127.0.0.1.
@@ -120,14 +131,10 @@ TEST(WebViewTest, EveryRequestNeedsTheTokenOrWithoutOneALoopbackHost) {
 }
 
 TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
-  NorvaneWeb::Settings settings;
-  settings.port = 0;
-  settings.token = "secret-token";
-  NorvaneWeb web(settings, {kApp});
-  std::string error;
-  ASSERT_TRUE(web.Listen(&error)) << error;
-  web.Start();
-  const int port = std::stoi(Between(web.Url(), "127.0.0.1:", "/"));
+  int port = 0;
+  const auto view = StartView("secret-token", &port);
+  ASSERT_NE(view, nullptr);
+  NorvaneWeb& web = *view;
 
   // A browser that asks for the stream and never reads it holds up nobody.
   const int stalled = ::socket(AF_INET, SOCK_STREAM, 0);
