@@ -173,10 +173,15 @@ std::uint32_t ReadBigEndian(const char* p) {
 
 bool IsSyncMarker(const char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 0; }
 
+const Blowfish& FeedCipher() {
+  static const Blowfish cipher(FWFeedCodec::kFeedKey);
+  return cipher;
+}
+
 }  // namespace
 
 FWFeedCodec::FWFeedCodec(std::size_t frame_limit, std::size_t message_limit)
-    : cipher_(kFeedKey), frame_limit_(frame_limit), message_limit_(message_limit) {}
+    : cipher_(FeedCipher()), frame_limit_(frame_limit), message_limit_(message_limit) {}
 
 // The message is compressed straight behind the header and enciphered in place: one buffer.
 std::string FWFeedCodec::Frame(const std::string& message) const {

@@ -89,7 +89,9 @@ class FWFeedCodec {
   Result Fail(Result result);
   void Compact();
 
-  Blowfish cipher_;
+  // The cipher keyed with kFeedKey, one for the whole process: its tables stay in the cache
+  // while many feeds and sessions take turns, and no codec pays for the key schedule.
+  const Blowfish& cipher_;
   std::size_t frame_limit_;
   std::size_t message_limit_;
   std::string buffer_;
