@@ -114,11 +114,24 @@ LoopbackListener::~LoopbackListener() {
 
 int FreePort() { return LoopbackListener().Port(); }
 
+namespace {
+
+// Waits (bounded) for a child process to end: as ChildProcess::Wait.
 int WaitForExit(pid_t pid, milliseconds timeout) {
   int status = 0;
   if (!WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
+
+// Whether fd becomes readable before the deadline.
+bool ReadableBy(int fd, std::chrono::steady_clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, static_cast<int>(std::max<long long>(0, left.count()))) == 1;
+}
+
+}  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const Setup& setup) {
@@ -144,7 +157,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     for (const auto& [name, value] : setup.environment) {
       value.empty() ? ::unsetenv(name.c_str()) : ::setenv(name.c_str(), value.c_str(), 1);
     }
-    ::execv(program.c_str(), argv.data());
+    ::execvp(program.c_str(), argv.data());
     _exit(127);
   }
   if (pid_ < 0) ADD_FAILURE() << "fork: " << std::strerror(errno);
@@ -203,8 +216,7 @@ FeedPeer::FeedPeer(int port, const char* source, int receive_buffer, int max_seg
 FeedPeer::~FeedPeer() { Close(); }
 
 bool FeedPeer::Accept() {
-  pollfd entry{listener_->Fd(), POLLIN, 0};
-  if (::poll(&entry, 1, 15000) != 1) return false;
+  if (!ReadableBy(listener_->Fd(), std::chrono::steady_clock::now() + seconds(15))) return false;
   fd_ = ::accept(listener_->Fd(), nullptr, nullptr);
   return fd_ >= 0;
 }
@@ -220,12 +232,7 @@ std::string FeedPeer::ReceiveRaw(std::size_t size, milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   std::string data;
   char buffer[65536];
-  while (data.size() < size) {
-    const auto left = std::max<long long>(
-        0, std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now())
-               .count());
-    pollfd entry{fd_, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(left)) != 1) break;
+  while (data.size() < size && ReadableBy(fd_, deadline)) {
     const ssize_t got = ::recv(fd_, buffer, std::min(sizeof(buffer), size - data.size()), 0);
     if (got <= 0) {
       closed_ = true;
@@ -249,11 +256,7 @@ std::string FeedPeer::Receive(milliseconds timeout) {
     const FWFeedCodec::Result result = codec_.Next(&message);
     if (result == FWFeedCodec::Result::kMessage) return message;
     if (result != FWFeedCodec::Result::kNeedMore) return "<bad frame>";
-    const auto left = std::max<long long>(
-        0, std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now())
-               .count());
-    pollfd entry{fd_, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(left)) != 1) return "<timeout>";
+    if (!ReadableBy(fd_, deadline)) return "<timeout>";
     char buffer[65536];
     const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
     if (got <= 0) {

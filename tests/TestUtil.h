@@ -71,12 +71,9 @@ class LoopbackListener {
 // that is closed again at once.
 int FreePort();
 
-// Waits (bounded) for a child process to end: its exit code, 128 + the signal that ended it, or
-// -1 when it still runs.
-int WaitForExit(pid_t pid, milliseconds timeout);
-
-// A child process started with execv. The destructor sends SIGKILL to its pid and reaps it,
-// unless it has already been reaped.
+// A child process started with execvp (a program named without a slash is looked up in the
+// PATH of its environment). The destructor sends SIGKILL to its pid and reaps it, unless it has
+// already been reaped.
 class ChildProcess {
  public:
   struct Setup {
@@ -96,7 +93,8 @@ class ChildProcess {
   pid_t Pid() const { return pid_; }
   // Sends a signal to the child's pid.
   void Signal(int sig);
-  // Waits (bounded) for the child to end: its exit code, or -1 when it did not end in time.
+  // Waits (bounded) for the child to end: its exit code, 128 + the signal that ended it, or -1
+  // when it did not end in time.
   int Wait(milliseconds timeout = seconds(20));
 
  private:
@@ -191,7 +189,7 @@ class Daemon {
   // Starts the daemon, which must detach with status 0, and waits for its pid file (written once
   // every port listens); what it printed before detaching is in *output.
   void Start(std::string* output = nullptr, const std::vector<std::string>& wrapper = {});
-  // Sends sig and waits (bounded) for the end: as WaitForExit.
+  // Sends sig and waits (bounded) for the end: as ChildProcess::Wait.
   int Stop(int sig);
 
   std::string Log() const { return ReadFile(home_.File("Norvane.log")); }
