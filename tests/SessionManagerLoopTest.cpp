@@ -1,9 +1,12 @@
 // The session manager's run-time side: start-up and shutdown, the select loop driven pass by pass
-// over real loopback connections, session numbers, and the worker thread's update check.
+// over real loopback connections, session numbers, and the worker thread's update check. Also
+// one proxy session driven call by call without the loop: what its connections record and log,
+// and how they fail.
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +16,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -23,7 +25,9 @@
 #include "FWException.h"
 #include "FWIniParser.h"
 #include "FWLogStream.h"
+#include "FWMIMEParser.h"
 #include "FWProduct.h"
+#include "FWSocket.h"
 #include "MonitoringPort.h"
 #include "ProxyPort.h"
 #include "ProxySession.h"
@@ -39,142 +43,71 @@ using Numbers = std::set<unsigned int>;
 
 constexpr milliseconds kWait{10000};
 
-// Echoes what the client sends. "quit" ends the session without a reply; "boom" throws.
-class EchoSession final : public ProxySession {
+// Echoes what the client sends and is finished once that held "quit"; "boom" throws. With relay
+// it passes each side's data to the other, finished once the port's outgoing server has closed.
+class TestSession final : public ProxySession {
  public:
-  using ProxySession::ProxySession;
+  TestSession(int number, ProxyPort* port, bool relay)
+      : ProxySession(number, port), relay_(relay) {}
 
   void Open(int listening) override {
     OpenIncoming(listening);
     SetOpen(true);
+    if (relay_) OpenOutgoing(GetPort()->GetOutgoingServer(), GetPort()->GetOutgoingPort());
   }
   void CheckActive() override {}
   std::size_t GetMemoryRequired() const override { return 0; }
   bool ReadyToReceiveIncoming() override { return true; }
   bool ReadyToReceiveOutgoing() override { return true; }
-  bool Finished() override { return seen_quit_; }
+  bool Finished() override { return relay_ ? IsOutgoingClosed() : seen_quit_; }
   void QueueIncoming(const std::string& data, bool) override { AppendIncoming(data); }
   void QueueOutgoing(const std::string& data) override {
     if (data == "boom") throw FWEProtocolError(FW_HERE, "boom");
-    if (data == "quit") {
-      seen_quit_ = true;
+    if (relay_) {
+      AppendOutgoing(data);
       return;
     }
+    seen_quit_ = seen_quit_ || data.find("quit") != std::string::npos;
     AppendIncoming(data);
   }
 
  private:
+  const bool relay_;
   bool seen_quit_ = false;
-};
-
-// Relays between the client and the port's outgoing server; finished when the server has closed.
-class RelaySession final : public ProxySession {
- public:
-  using ProxySession::ProxySession;
-
-  void Open(int listening) override {
-    OpenIncoming(listening);
-    SetOpen(true);
-    OpenOutgoing(GetPort()->GetOutgoingServer(), GetPort()->GetOutgoingPort());
-  }
-  void CheckActive() override {}
-  std::size_t GetMemoryRequired() const override { return 0; }
-  bool ReadyToReceiveIncoming() override { return true; }
-  bool ReadyToReceiveOutgoing() override { return true; }
-  bool Finished() override { return IsOutgoingClosed(); }
-  void QueueIncoming(const std::string& data, bool) override { AppendIncoming(data); }
-  void QueueOutgoing(const std::string& data) override { AppendOutgoing(data); }
 };
 
 class LoopPort final : public ProxyPort {
  public:
-  explicit LoopPort(bool relay) : relay_(relay) {}
+  explicit LoopPort(bool relay = false) : relay_(relay) {}
 
   LoopPort* New() const override { return new LoopPort(relay_); }
   LoopPort* Clone() const override { return new LoopPort(*this); }
-  ProxySession* SessionCreate(int number) override {
-    if (relay_) return new RelaySession(number, this);
-    return new EchoSession(number, this);
-  }
+  ProxySession* SessionCreate(int number) override { return new TestSession(number, this, relay_); }
 
  private:
   const bool relay_;
 };
 
-// Answers one HTTP request on a loopback port with a canned response. Every wait in its thread is
-// bounded, so the destructor returns in bounded time.
-class HttpServer {
- public:
-  explicit HttpServer(std::string response)
-      : response_(std::move(response)), thread_([this] { Serve(); }) {}
-  ~HttpServer() { thread_.join(); }
-  HttpServer(const HttpServer&) = delete;
-  HttpServer& operator=(const HttpServer&) = delete;
-
-  std::string Url() const { return "http://127.0.0.1:" + std::to_string(peer_.Port()) + "/"; }
-
- private:
-  void Serve() {
-    if (!peer_.Accept()) return;
-    std::string request;
-    while (request.find("\r\n\r\n") == std::string::npos) {
-      const std::string byte = peer_.ReceiveRaw(1);
-      if (byte.empty()) return;
-      request += byte;
-    }
-    peer_.SendRaw(response_);
-    peer_.Close();  // the end of the response
-  }
-
-  FeedPeer peer_;
-  const std::string response_;
-  std::thread thread_;  // last: starts once everything it uses exists
-};
-
-// Runs the update check of a manager without ports until its thread is gone: the log lines of
-// the check.
-Lines RunUpdateCheck(const std::string& url) {
-  LogStream.ClearLogBuffer();
-  SessionManager manager;
-  manager.SetUpdateCheck(url, milliseconds(3000));
-  manager.Init();
-  EXPECT_TRUE(testutil::WaitUntil(
-      [&] {
-        manager.Select();
-        return manager.GetThread() == nullptr;
-      },
-      kWait));
-  manager.Exit();
-  Lines lines;
-  for (const std::string& line : testutil::Lines(LogStream.GetLogBuffer(), 23)) {
-    if (line.starts_with("Update check: ")) lines.push_back(line);
-  }
-  return lines;
+bool WaitReadable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, 10000) == 1;
 }
 
 class SessionManagerLoopTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    saved_max_days_ = LogStream.GetMaxDays();
-    saved_max_size_ = LogStream.GetMaxSize();
     LogStream.SetOptions(0);
-    ResetCounters();
+    std::vector<std::string> counters;
+    for (const auto& entry : Counter.GetAll()) counters.push_back(entry.first);
+    for (const std::string& name : counters) Counter.Clear(name);
     manager_.SetUpdateCheck("", milliseconds(1000));
   }
   void TearDown() override {
     manager_.Exit();
     LogStream.SetOptions(0);
-    LogStream.SetMaxDays(saved_max_days_);
-    LogStream.SetMaxSize(saved_max_size_);
-    ResetCounters();
   }
 
   unsigned PoolSize() const { return static_cast<unsigned>(manager_.GetPoolSize()); }
-  static void ResetCounters() {
-    std::vector<std::string> names;
-    for (const auto& entry : Counter.GetAll()) names.push_back(entry.first);
-    for (const std::string& name : names) Counter.Clear(name);
-  }
 
   // A port on 127.0.0.1 and a free port number, appended to the manager.
   template <typename Port = LoopPort, typename... Args>
@@ -223,16 +156,15 @@ class SessionManagerLoopTest : public ::testing::Test {
 
   testutil::LogCapture log_;
   SessionManager manager_;
-  int32_t saved_max_days_ = 0;
-  int64_t saved_max_size_ = 0;
 };
 
 // ---- Serving sessions ----
 
 // A session that finishes is closed in that pass and reaped in the next; plain ports take the
-// smallest free number, the monitoring port the largest, and reaping gives them back.
+// smallest free number, the monitoring port the largest, and reaping gives them back. An
+// exception ends only its session and is logged under the session's prefix.
 TEST_F(SessionManagerLoopTest, SessionsAreServedReapedAndNumberedFromBothEndsOfThePool) {
-  LoopPort* port = AddPort("Echo", false);
+  LoopPort* port = AddPort("Echo");
   testutil::TempDir root;
   auto* monitoring = AddPort<MonitoringPort>("Monitoring");
   monitoring->SetDocumentRoot(FWString(root.Path()));
@@ -246,43 +178,31 @@ TEST_F(SessionManagerLoopTest, SessionsAreServedReapedAndNumberedFromBothEndsOfT
       PassUntil([&] { return NumbersOf(port).size() == 2 && NumbersOf(monitoring).size(); }));
   EXPECT_EQ(NumbersOf(port), (Numbers{0, 1}));
   EXPECT_EQ(NumbersOf(monitoring), Numbers{PoolSize() - 1});
-  first->SendRaw("hello");
-  EXPECT_TRUE(PassUntilReceived(*first, "hello"));
-  first->SendRaw("quit");
+  first->SendRaw("hello quit");
   ProxySession* session = port->GetSessions().front().get();
   ASSERT_TRUE(PassUntil([&] { return !session->IsOpen(); }));
   EXPECT_EQ(port->GetSessions().size(), 2u);  // closed, but kept until the next pass
-  EXPECT_TRUE(PassUntilReceived(*first, "", true)) << "the session's close reaches the client";
+  EXPECT_TRUE(PassUntilReceived(*first, "hello quit", true)) << "the reply, then the close";
   EXPECT_TRUE(PassUntil([&] { return NumbersOf(port) == Numbers{1}; }));
+  auto third = Connect(port);
+  ASSERT_TRUE(PassUntil([&] { return NumbersOf(port) == Numbers{0, 1}; }));
+  second->SendRaw("boom");
+  ASSERT_TRUE(PassUntilReceived(*second, "", true));
+  EXPECT_EQ(LinesStartingWith("Session "), Lines{"Session 1: Protocol error: boom"});
+  third->SendRaw("still here");
+  EXPECT_TRUE(PassUntilReceived(*third, "still here"));
   watcher.reset();
   ASSERT_TRUE(PassUntil([&] { return monitoring->GetSessions().empty(); }));
-  EXPECT_EQ(manager_.GetUsedNumbers(), Numbers{1});
-  auto third = Connect(port);
+  EXPECT_EQ(manager_.GetUsedNumbers(), Numbers{0});
   watcher = Connect(monitoring);
-  ASSERT_TRUE(
-      PassUntil([&] { return NumbersOf(port).size() == 2 && NumbersOf(monitoring).size(); }));
-  EXPECT_EQ(NumbersOf(port), (Numbers{0, 1}));
+  ASSERT_TRUE(PassUntil([&] { return NumbersOf(monitoring).size() == 1; }));
   EXPECT_EQ(NumbersOf(monitoring), Numbers{PoolSize() - 1});
-  EXPECT_EQ(manager_.GetFreeNumbers().size(), PoolSize() - 3);
-}
-
-TEST_F(SessionManagerLoopTest, SessionExceptionIsLoggedUnderItsPrefixAndEndsOnlyThatSession) {
-  LoopPort* port = AddPort("Echo", false);
-  manager_.Init();
-  auto failing = Connect(port);
-  auto other = Connect(port);
-  ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 2; }));
-  failing->SendRaw("boom");
-  ASSERT_TRUE(PassUntilReceived(*failing, "", true));
-  EXPECT_EQ(LinesStartingWith("Session "), Lines{"Session 0: Protocol error: boom"});
-  other->SendRaw("still here");
-  EXPECT_TRUE(PassUntilReceived(*other, "still here"));
-  EXPECT_EQ(NumbersOf(port), Numbers{1});
+  EXPECT_EQ(manager_.GetFreeNumbers().size(), PoolSize() - 2);
 }
 
 TEST_F(SessionManagerLoopTest, AcceptsStartAtTheNextPortEachPass) {
-  LoopPort* a = AddPort("A", false);
-  LoopPort* b = AddPort("B", false);
+  LoopPort* a = AddPort("A");
+  LoopPort* b = AddPort("B");
   manager_.Init();
   auto a1 = Connect(a);
   auto b1 = Connect(b);
@@ -305,38 +225,24 @@ TEST_F(SessionManagerLoopTest, PassWithoutPortsSleepsHalfASecondAndReportsIdle) 
   EXPECT_EQ(Counter.Get("InternalSessionManagerIdle"), 1u);
 }
 
-// ---- Failures of the loop ----
-
-TEST_F(SessionManagerLoopTest, PollFailureThrowsSocketErrorWithItsSourceAndLine) {
-  LoopPort* port = AddPort("Echo", false);
-  manager_.Init();
-  auto client = Connect(port);
-  ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
-  // poll() refuses more entries than the descriptor limit: the listener and the session are two.
-  rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-  rlimit one = saved;
-  one.rlim_cur = 1;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &one), 0);
-  try {
-    manager_.Select();
-    ADD_FAILURE() << "poll past the descriptor limit succeeded";
-  } catch (const FWESocketError& e) {
-    EXPECT_EQ(e.GetSource(), "classes/SessionManager");
-    EXPECT_EQ(e.GetLine(), 411u);
-    EXPECT_EQ(e.GetText(), "(poll) Invalid argument");
-  }
-  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
-}
+// ---- Start-up, failures of a pass, and shutdown ----
 
 volatile sig_atomic_t alarm_seen = 0;
 void OnAlarm(int) { alarm_seen = 1; }
 
-TEST_F(SessionManagerLoopTest, InterruptedSelectCountsAsNothingReady) {
-  AddPort("Echo", false);
+// Between a second Init and a second Exit, which do nothing: a pass interrupted by a signal counts
+// as nothing ready, and a failed poll throws a socket error with its source and line.
+TEST_F(SessionManagerLoopTest, InitAndExitLogTheirLinesInOrderOnlyOnce) {
+  manager_.SetMaxLogFileDays(FWVariable<int>(3));
+  manager_.SetMaxLogFileSize(FWVariable<int>(123456));
+  LoopPort* port = AddPort("Main");
   manager_.Init();
+  EXPECT_EQ(LogStream.GetMaxDays(), 3);
+  EXPECT_EQ(LogStream.GetMaxSize(), 123456);
+  manager_.Init();  // a second Init does nothing
+
   struct sigaction action {};
-  action.sa_handler = OnAlarm;  // no SA_RESTART: select returns EINTR
+  action.sa_handler = OnAlarm;  // no SA_RESTART: poll returns EINTR
   struct sigaction previous {};
   ASSERT_EQ(::sigaction(SIGALRM, &action, &previous), 0);
   alarm_seen = 0;
@@ -348,17 +254,21 @@ TEST_F(SessionManagerLoopTest, InterruptedSelectCountsAsNothingReady) {
   timer = itimerval{};
   ::setitimer(ITIMER_REAL, &timer, nullptr);
   ::sigaction(SIGALRM, &previous, nullptr);
-}
 
-// ---- Start-up and shutdown ----
-
-TEST_F(SessionManagerLoopTest, InitAndExitLogTheirLinesInOrderOnlyOnce) {
-  manager_.SetMaxLogFileDays(FWVariable<int>(3));
-  manager_.SetMaxLogFileSize(FWVariable<int>(123456));
-  LoopPort* port = AddPort("Main", false);
-  manager_.Init();
-  EXPECT_EQ(LogStream.GetMaxDays(), 3);
-  EXPECT_EQ(LogStream.GetMaxSize(), 123456);
+  // poll() refuses more entries than the descriptor limit: the listener is one.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  const rlimit none{0, saved.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  try {
+    manager_.Select();
+    ADD_FAILURE() << "poll past the descriptor limit succeeded";
+  } catch (const FWESocketError& e) {
+    EXPECT_EQ(e.GetSource(), "classes/SessionManager");
+    EXPECT_EQ(e.GetLine(), 411u);
+    EXPECT_EQ(e.GetText(), "(poll) Invalid argument");
+  }
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
 
   const std::string name = FWProduct::GetDisplayName();
   const std::time_t built = FWProduct::GetBuildTime();
@@ -381,7 +291,6 @@ TEST_F(SessionManagerLoopTest, InitAndExitLogTheirLinesInOrderOnlyOnce) {
   std::istringstream text(configuration);
   for (std::string line; std::getline(text, line);) expected.push_back("    " + line);
   expected.push_back(name + " listening on 127.0.0.1:" + port->GetIncomingPort());
-  manager_.Init();  // a second Init does nothing
   manager_.Exit();
   manager_.Exit();  // nor does a second Exit
   expected.push_back(name + " shutting down");
@@ -396,49 +305,48 @@ TEST_F(SessionManagerLoopTest, InitAndExitLogTheirLinesInOrderOnlyOnce) {
   EXPECT_EQ(manager_.GetThread(), nullptr);
 }
 
-TEST_F(SessionManagerLoopTest, AddressInUseEndsInitAtThatPort) {
-  testutil::LoopbackListener occupant;
-  LoopPort* first = AddPort("First", false);
-  LoopPort* taken = AddPort("Taken", false);
-  taken->SetIncomingPort(FWString(std::to_string(occupant.Port())));
-  try {
-    manager_.Init();
-    FAIL() << "Init with a port in use succeeded";
-  } catch (const FWESocketError& e) {
-    EXPECT_EQ(e.GetText(), "(bind) Address already in use");
-  }
-  EXPECT_EQ(
-      LinesStartingWith(FWProduct::GetDisplayName() + " listening"),
-      Lines{FWProduct::GetDisplayName() + " listening on 127.0.0.1:" + first->GetIncomingPort()});
-  EXPECT_NE(first->GetListeningSocket(), 0);
-  EXPECT_EQ(taken->GetListeningSocket(), 0);
-  manager_.Exit();
-  EXPECT_EQ(first->GetListeningSocket(), 0);
-}
-
 // ---- The worker thread and the update check ----
 
 // A newer version is logged once; the same version, or no URL, logs nothing; a failed check is
 // reported once, and never as an update.
 TEST_F(SessionManagerLoopTest, UpdateCheckLogsANewerVersionOnceAndAFailureOnce) {
-  EXPECT_EQ(RunUpdateCheck(""), Lines{});
   const std::vector<std::pair<std::string, Lines>> cases = {
+      {"", {}},  // no URL, no check
       {"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n99.0.1\n",
        {"Update check: Version 99.0.1 is available (running " + FWProduct::GetVersion() + ")"}},
       {"HTTP/1.0 200 OK\r\n\r\n" + FWProduct::GetVersion() + "\n", {}},
+      {"HTTP/1.0 404 Not Found\r\n\r\nnothing here\n",
+       {"Update check: Server answered 'HTTP/1.0 404 Not Found'"}},
   };
-  for (const auto& [response, lines] : cases) {
-    HttpServer server(response);
-    EXPECT_EQ(RunUpdateCheck(server.Url()), lines) << response;
+  for (const auto& [response, expected] : cases) {
+    SCOPED_TRACE(response);
+    LogStream.ClearLogBuffer();
+    FeedPeer server;         // plays the web server
+    SessionManager manager;  // without ports, run until its thread is gone
+    manager.SetUpdateCheck(
+        response.empty() ? "" : "http://127.0.0.1:" + std::to_string(server.Port()) + "/",
+        milliseconds(3000));
+    manager.Init();  // starts the check on the worker thread
+    if (!response.empty()) {
+      ASSERT_TRUE(server.Accept());
+      std::string request;
+      while (!request.ends_with("\r\n\r\n")) {
+        const std::string byte = server.ReceiveRaw(1);
+        ASSERT_EQ(byte.size(), 1u) << request;
+        request += byte;
+      }
+      server.SendRaw(response);
+    }
+    server.Close();
+    EXPECT_TRUE(testutil::WaitUntil(
+        [&] {
+          manager.Select();
+          return manager.GetThread() == nullptr;
+        },
+        kWait));
+    manager.Exit();
+    EXPECT_EQ(LinesStartingWith("Update check: "), expected);
   }
-  Lines failure;
-  {
-    HttpServer server("HTTP/1.0 404 Not Found\r\n\r\nnothing here\n");
-    failure = RunUpdateCheck(server.Url());
-  }
-  ASSERT_EQ(failure.size(), 1u);
-  EXPECT_EQ(failure[0].find("is available"), std::string::npos) << failure[0];
-  EXPECT_GT(failure[0].size(), std::string("Update check: ").size()) << failure[0];
 }
 
 TEST_F(SessionManagerLoopTest, SecondThreadIsRefusedAndATimedOutCheckIsReportedOnce) {
@@ -448,10 +356,7 @@ TEST_F(SessionManagerLoopTest, SecondThreadIsRefusedAndATimedOutCheckIsReportedO
   manager_.SetUpdateCheck("http://" + peer + "/", milliseconds(1500));
   manager_.Init();
   // The check has connected, so the thread has set its prefix.
-  ASSERT_TRUE(testutil::WaitUntil([&] {
-    pollfd entry{silent.Fd(), POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 1;
-  }));
+  ASSERT_TRUE(WaitReadable(silent.Fd()));
   manager_.ThreadStart();
   manager_.Exit();  // waits for the check to give up
   EXPECT_EQ(manager_.GetThread(), nullptr);
@@ -464,7 +369,7 @@ TEST_F(SessionManagerLoopTest, SecondThreadIsRefusedAndATimedOutCheckIsReportedO
 
 TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLogExactly) {
   LogStream.SetOptions(FWLogStream::kLogConnections);
-  LoopPort* echo = AddPort("Echo", false);
+  LoopPort* echo = AddPort("Echo");
   LoopPort* relay = AddPort("Relay", true);
   std::vector<std::unique_ptr<FeedPeer>> echo_clients, relay_clients, servers;
   for (int i = 0; i < 2; ++i) servers.push_back(std::make_unique<FeedPeer>());
@@ -481,14 +386,13 @@ TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLog
   ASSERT_TRUE(PassUntil([&] { return echo->GetSessions().size() == 2; }));
   const Numbers echo_numbers = NumbersOf(echo);
   const Numbers relay_numbers = NumbersOf(relay);
-  echo_clients[0]->SendRaw("one");
-  echo_clients[1]->SendRaw("two");
-  relay_clients[0]->SendRaw("ping1");
-  relay_clients[1]->SendRaw("ping2");
-  EXPECT_TRUE(PassUntilReceived(*echo_clients[0], "one"));
-  EXPECT_TRUE(PassUntilReceived(*echo_clients[1], "two"));
+  for (int i = 0; i < 2; ++i) {
+    echo_clients[i]->SendRaw("ping" + std::to_string(i + 1));
+    relay_clients[i]->SendRaw("ping" + std::to_string(i + 1));
+  }
   for (int i = 0; i < 2; ++i) {
     const std::string ping = "ping" + std::to_string(i + 1);
+    EXPECT_TRUE(PassUntilReceived(*echo_clients[i], ping));
     EXPECT_TRUE(PassUntilReceived(*servers[i], ping));
     servers[i]->SendRaw("re:" + ping);
     servers[i]->Close();
@@ -498,24 +402,22 @@ TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLog
   ASSERT_TRUE(
       PassUntil([&] { return echo->GetSessions().empty() && relay->GetSessions().empty(); }));
   EXPECT_TRUE(manager_.GetUsedNumbers().empty());
-  EXPECT_EQ(Counter.Get("Echo_ReceiveIncoming"), 14u);
-  EXPECT_EQ(Counter.Get("Echo_SendIncoming"), 6u);
+  EXPECT_EQ(Counter.Get("Echo_ReceiveIncoming"), 18u);
+  EXPECT_EQ(Counter.Get("Echo_SendIncoming"), 18u);
   EXPECT_EQ(Counter.Get("Relay_SendOutgoing"), 10u);
   EXPECT_EQ(Counter.Get("Relay_SendIncoming"), 16u);
   EXPECT_EQ(Counter.Get("InternalSessionManagerIdle"), 1u);
   manager_.Exit();
 
   Lines expected;
-  const auto expect_session = [&](const Numbers& numbers, const ProxyPort* port) {
+  for (const auto& [numbers, port] : {std::pair{echo_numbers, echo}, {relay_numbers, relay}}) {
     for (unsigned int number : numbers) {
       const std::string prefix = "Session " + std::to_string(number) + ": ";
       expected.push_back(
           prefix + "Connection from 127.0.0.1 accepted on 127.0.0.1:" + port->GetIncomingPort());
       expected.push_back(prefix + "Connection from 127.0.0.1 closed");
     }
-  };
-  expect_session(echo_numbers, echo);
-  expect_session(relay_numbers, relay);
+  }
   Lines lines = log_.Lines();
   ASSERT_EQ(lines.size(), start_lines + expected.size() + 1);
   EXPECT_EQ(lines.back(), FWProduct::GetDisplayName() + " shutting down");
@@ -523,7 +425,133 @@ TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLog
   std::sort(session_lines.begin(), session_lines.end());
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(session_lines, expected);
-  EXPECT_EQ(echo_numbers.size() + relay_numbers.size(), 4u);
+  EXPECT_EQ(expected.size(), 8u);
+}
+
+// ---- One proxy session, call by call ----
+
+class ProxySessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    LogStream.SetOptions(0);
+    port_.SetIncomingPort(FWString(std::to_string(listener_.Port())));
+  }
+  void TearDown() override { LogStream.SetOptions(0); }
+
+  // Connects a client and lets a new session accept it, as the port does.
+  std::unique_ptr<TestSession> Accept(int number) {
+    client_ = std::make_unique<FeedPeer>(listener_.Port());
+    auto session = std::make_unique<TestSession>(number, &port_, false);
+    EXPECT_TRUE(WaitReadable(listener_.Fd()));
+    session->Open(listener_.Fd());
+    return session;
+  }
+  static int Receive(ProxySession& session) {
+    EXPECT_TRUE(WaitReadable(session.GetIncomingSocket())) << "client sent nothing";
+    return session.ReceiveIncoming();
+  }
+  bool ClientSeesEnd() { return client_->ReceiveRaw(1).empty() && client_->Closed(); }
+
+  testutil::LogCapture log_;
+  testutil::LoopbackListener listener_;
+  LoopPort port_;
+  std::unique_ptr<FeedPeer> client_;
+};
+
+TEST_F(ProxySessionTest, AcceptRecordsBothEndsAndConnectionLinesAreLoggedOnceWhenSwitchedOn) {
+  LogStream.SetOptions(FWLogStream::kLogConnections);
+  const std::time_t before = std::time(nullptr);
+  auto session = Accept(3);
+  EXPECT_TRUE(session->IsOpen());
+  EXPECT_EQ(session->GetOutgoingSocket(), 0);
+  EXPECT_EQ(session->GetIncomingAddress(), "127.0.0.1");
+  EXPECT_EQ(session->GetLocalAddress(), "127.0.0.1");
+  EXPECT_EQ(session->GetLocalHost(), "");  // no reverse look-up on the loop
+  EXPECT_GE(session->GetStartTime(), before);
+  EXPECT_LE(session->GetStartTime(), std::time(nullptr));
+  EXPECT_EQ(session->GetAcceptDate(), FWMIMEParser::MIMETime(session->GetStartTime()));
+  client_->SendRaw("abc");
+  EXPECT_EQ(Receive(*session), 3);
+  session->Close();
+  EXPECT_EQ(session->GetIncomingSocket(), 0);
+  EXPECT_EQ(session->GetIncomingBuffer().Text(), "");
+  EXPECT_TRUE(ClientSeesEnd());
+  session->Close();
+  EXPECT_EQ(session->ReceiveIncoming(), 0);
+  EXPECT_EQ(log_.Lines(), (Lines{"Session 3: Connection from 127.0.0.1 accepted on 127.0.0.1:" +
+                                     std::to_string(listener_.Port()),
+                                 "Session 3: Connection from 127.0.0.1 closed"}));
+}
+
+// A reply that was not sent makes the client's close worth a log line, finished or not; after a
+// finished session's last reply the close is quiet and CheckFinished closes.
+TEST_F(ProxySessionTest, ClientClosingIsLoggedOnlyWhileAReplyIsQueued) {
+  for (const std::string data : {"hello", "quit", "quit drained"}) {
+    SCOPED_TRACE(data);
+    LogStream.ClearLogBuffer();
+    auto session = Accept(0);
+    client_->SendRaw(data);
+    EXPECT_EQ(Receive(*session), static_cast<int>(data.size()));
+    if (data == "quit drained") {
+      EXPECT_EQ(session->SendIncoming(), 12);
+      EXPECT_EQ(client_->ReceiveRaw(12), data);
+    }
+    client_->Close();
+    const bool drained = data == "quit drained";
+    if (!drained) {
+      session->CheckFinished();
+      EXPECT_TRUE(session->IsOpen());  // the reply is not sent yet
+    }
+    EXPECT_EQ(Receive(*session), 0);
+    EXPECT_TRUE(session->IsIncomingClosed());
+    EXPECT_EQ(session->IsOpen(), drained);
+    session->CheckFinished();
+    EXPECT_FALSE(session->IsOpen());
+    EXPECT_EQ(session->GetIncomingBuffer().Text(), "");
+    EXPECT_EQ(log_.Lines(), drained ? Lines{} : Lines{"Session 0: Connection closed by client"});
+  }
+}
+
+// ---- Failures: logged under the session prefix; only the subclass's own exceptions propagate ----
+
+TEST_F(ProxySessionTest, FailedConnectLeavesTheSessionOpenAndAResetByTheClientClosesIt) {
+  const std::string closed_port = std::to_string(testutil::FreePort());
+  auto receiving = Accept(2);
+  const std::time_t before = std::time(nullptr);
+  receiving->OpenOutgoing("127.0.0.1", closed_port);
+  EXPECT_EQ(receiving->GetOutgoingSocket(), 0);
+  EXPECT_GE(receiving->GetOutgoingActivity(), before);
+  EXPECT_TRUE(receiving->IsOpen());
+  client_->Reset();
+  EXPECT_EQ(Receive(*receiving), 0);
+  EXPECT_FALSE(receiving->IsOpen());
+  auto sending = Accept(2);
+  client_->SendRaw("hello");
+  EXPECT_EQ(Receive(*sending), 5);
+  client_->Reset();
+  ASSERT_TRUE(WaitReadable(sending->GetIncomingSocket()));
+  EXPECT_EQ(sending->SendIncoming(), 0);
+  EXPECT_FALSE(sending->IsOpen());
+  EXPECT_EQ(sending->GetIncomingBuffer().Text(), "");
+  EXPECT_EQ(log_.Lines(),
+            (Lines{"Session 2: Connect to 127.0.0.1:" + closed_port +
+                       " failed: (connect) Connection refused",
+                   "Session 2: Receive from client: (receive) Connection reset by peer",
+                   "Session 2: Send to client: (send) Connection reset by peer"}));
+}
+
+TEST_F(ProxySessionTest, QueueExceptionLeavesSessionOpenAndAcceptFailureLeavesNoSocket) {
+  auto open = Accept(0);
+  client_->SendRaw("boom");
+  EXPECT_THROW(Receive(*open), FWEProtocolError);
+  EXPECT_TRUE(open->IsOpen());
+  EXPECT_EQ(log_.Lines(), Lines{});
+  const int lone = FWSocketManager::GetInstance().CreateSocket("tcp");
+  TestSession session(0, &port_, false);
+  EXPECT_THROW(session.Open(lone), FWESocketError);
+  ::close(lone);
+  EXPECT_EQ(session.GetIncomingSocket(), 0);
+  EXPECT_FALSE(session.IsOpen());
 }
 
 }  // namespace
