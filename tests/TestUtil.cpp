@@ -339,8 +339,4 @@ bool Daemon::WaitForLog(const std::string& text, milliseconds timeout) const {
   return WaitUntil([&] { return Log().find(text) != std::string::npos; }, timeout);
 }
 
-bool Daemon::WaitForPort() const {
-  return WaitUntil([&] { return FeedPeer(port_).Connected(); }, seconds(15));
-}
-
 }  // namespace testutil

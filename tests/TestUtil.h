@@ -176,7 +176,6 @@ class Daemon {
   std::string Config() const { return home_.File("Norvane.cf"); }
   int Port() const { return port_; }
   pid_t Pid() const { return pid_; }
-  void SetPid(pid_t pid) { pid_ = pid; }
 
   // A configuration, only for its owner to read, with one monitoring port on 127.0.0.1:Port()
   // serving Logs(), plus further keys of the root and of the port.
@@ -197,7 +196,6 @@ class Daemon {
   std::vector<std::string> LogLines() const { return Lines(Log(), 23); }
   std::size_t CountInLog(const std::string& text) const { return Count(Log(), text); }
   bool WaitForLog(const std::string& text, milliseconds timeout = seconds(15)) const;
-  bool WaitForPort() const;
 
  private:
   TempDir home_;
