@@ -14,12 +14,6 @@ class FuzzInput {
 
   bool Empty() const { return pos_ >= size_; }
   std::uint8_t Byte() { return Empty() ? 0 : data_[pos_++]; }
-  // Big-endian, from up to four bytes.
-  std::uint32_t Word() {
-    std::uint32_t value = 0;
-    for (int i = 0; i < 4; ++i) value = value << 8 | Byte();
-    return value;
-  }
   // At most count bytes.
   std::string Bytes(std::size_t count) {
     const std::size_t taken = std::min(count, size_ - std::min(pos_, size_));
@@ -29,8 +23,6 @@ class FuzzInput {
   }
   // A length byte, then that many bytes.
   std::string ShortText() { return Bytes(Byte()); }
-  // Everything not read yet.
-  std::string Rest() { return Bytes(size_); }
 
  private:
   const std::uint8_t* data_;

@@ -15,8 +15,7 @@
 namespace {
 
 [[noreturn]] void Die(const char* what, const std::string& first, const std::string& second) {
-  std::fprintf(stderr, "IniFuzzer: %s\n--- first ---\n%s\n--- second ---\n%s\n", what,
-               first.c_str(), second.c_str());
+  std::fprintf(stderr, "IniFuzzer: %s\n%s\n---\n%s\n", what, first.c_str(), second.c_str());
   std::abort();
 }
 

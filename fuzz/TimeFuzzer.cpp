@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::uint64_t bits = 0;
   for (int i = 0; i < 8; ++i) bits = bits << 8 | in.Byte();
   const auto t = static_cast<std::time_t>(bits);
-  const std::string text = in.Rest();
+  const std::string text = in.Bytes(size);
 
   const FWStringUtils& utils = FWStringUtils::GetDefaultInstance();
   (void)utils.Str2Time(text, order, utc);
