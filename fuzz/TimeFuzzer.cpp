@@ -12,7 +12,6 @@
 
 #include "FWMIMEParser.h"
 #include "FWStringUtils.h"
-#include "FWType.h"
 #include "FuzzInput.h"
 
 namespace {
@@ -37,10 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const FWStringUtils& utils = FWStringUtils::GetDefaultInstance();
   (void)utils.Str2Time(text, order, utc);
   (void)utils.Str2Time(text, text, utc);
-  long value = 0;
-  FWVariableFromString(value, text);
-  std::string formatted;
-  FWVariableAsString(static_cast<long>(t), formatted);
   (void)utils.Time2Str(t, text, utc);
   (void)FWMIMEParser::MIMETime(t);
 

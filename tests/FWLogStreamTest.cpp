@@ -10,6 +10,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -25,16 +26,10 @@ const std::string kStamp = "May 03, 2005, 14:07:09 ";
 
 class FWLogStreamTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    if (const char* tz = getenv("TZ")) saved_tz_ = tz;
-    setenv("TZ", "UTC0", 1);
+  FWLogStreamTest() {
+    setenv("TZ", "UTC0", 1);  // for the whole of this suite's process
     tzset();
     log_.SetClock([this] { return now_; });
-  }
-  void TearDown() override {
-    log_.Close();
-    saved_tz_.empty() ? unsetenv("TZ") : setenv("TZ", saved_tz_.c_str(), 1);
-    tzset();
   }
 
   std::string Path() const { return dir_.File("test.log"); }
@@ -52,7 +47,6 @@ class FWLogStreamTest : public ::testing::Test {
   testutil::TempDir dir_;
   FWLogStream log_;
   std::time_t now_ = kT0;
-  std::string saved_tz_;
 };
 
 }  // namespace
@@ -76,32 +70,24 @@ TEST_F(FWLogStreamTest, EntryIsStampSourceAndTextWithACapitalOnEveryLine) {
   EXPECT_EQ(st.st_mode & 0777, 0640u);
 }
 
-// The entry that reaches the limit stays; the next one goes to a fresh file.
-TEST_F(FWLogStreamTest, RotatesBySizeAfterTheEntryThatReachesTheLimit) {
-  log_.SetMaxSize(1000);
-  log_.OpenFile(Path(), false);
+// The entry that reaches the limit stays; the next one goes to a fresh file. Past 2 GiB too: a
+// sparse file just under the largest configurable limit, which the tenth entry crosses.
+TEST_F(FWLogStreamTest, RotatesBySizeAfterTheEntryThatReachesTheLimitAlsoPastTwoGibibytes) {
   const std::string text(76, 'x');  // 23 bytes of stamp + 76 + "\n" = 100 bytes an entry
-  for (int i = 0; i < 10; ++i) log_.Log(text);
-  EXPECT_EQ(Contents().size(), 1000u);
-  EXPECT_FALSE(testutil::FileExists(Path() + "~"));
-  log_.Log(text);
-  EXPECT_EQ(Backup().size(), 1000u);
-  EXPECT_EQ(Contents(), kStamp + "X" + std::string(75, 'x') + "\n");
-}
-
-TEST_F(FWLogStreamTest, LogPastTwoGibibytesStillRotatesBySize) {
-  // A sparse file just under the largest configurable limit; the next entries cross 2 GiB.
-  constexpr int64_t kLimit = 2147483647;
-  WriteOldLog(kT0);
-  ASSERT_EQ(::truncate(Path().c_str(), kLimit - 50), 0);
-  log_.SetMaxSize(kLimit);
-  log_.OpenFile(Path(), false);
-  const std::string text(76, 'x');  // 100 bytes an entry
-  log_.Log(text);
-  EXPECT_FALSE(testutil::FileExists(Path() + "~"));
-  log_.Log(text);
-  EXPECT_EQ(std::filesystem::file_size(Path() + "~"), static_cast<std::uintmax_t>(kLimit + 50));
-  EXPECT_EQ(Contents().size(), 100u);
+  for (const auto& [limit, start] :
+       {std::pair<int64_t, off_t>{1000, 0}, {2147483647, 2147482697}}) {
+    WriteOldLog(kT0);
+    ASSERT_EQ(::truncate(Path().c_str(), start), 0);
+    log_.SetMaxSize(limit);
+    log_.OpenFile(Path(), false);
+    for (int i = 0; i < 10; ++i) log_.Log(text);
+    EXPECT_EQ(std::filesystem::file_size(Path()), static_cast<std::uintmax_t>(start + 1000));
+    EXPECT_FALSE(testutil::FileExists(Path() + "~"));
+    log_.Log(text);
+    EXPECT_EQ(std::filesystem::file_size(Path() + "~"), static_cast<std::uintmax_t>(start + 1000));
+    EXPECT_EQ(Contents(), kStamp + "X" + std::string(75, 'x') + "\n");
+    std::filesystem::remove(Path() + "~");
+  }
 }
 
 // A first entry MaxLogFileDays old, or stamped in the future (the clock was set back), rotates

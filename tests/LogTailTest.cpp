@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,8 +27,8 @@ class LogTailTest : public ::testing::Test {
   // Starts on path_, which records at once where the file ends.
   void StartAtEnd() { ASSERT_EQ(0, tail_.Start(path_)); }
 
-  // How many of this process's descriptors point at target ("/path (deleted)" for a deleted
-  // file).
+  // How many of this process's descriptors point at target ("/path (deleted)"
+  // for a deleted file).
   static int CountTargets(const std::string& target) {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -36,25 +37,12 @@ class LogTailTest : public ::testing::Test {
     }
     return count;
   }
-  std::vector<std::string> Logged() const { return log_.Lines(); }
 
   testutil::LogCapture log_;
   testutil::TempDir temp_;
   const std::string path_ = temp_.File("app.log");
   LogTail tail_{"Session 1: "};
 };
-
-TEST_F(LogTailTest, StartSendsNothingThenAppendsArriveExactlyOnceAtNextPoll) {
-  testutil::WriteFile(path_, "written before start\n");
-  StartAtEnd();
-  Append("first\nsecond\n");  // before the first poll: still new
-  EXPECT_EQ("first\r\nsecond\r\n", tail_.Poll());
-  EXPECT_EQ("", tail_.Poll());
-  Append("third\n");
-  EXPECT_EQ("third\r\n", tail_.Poll());
-  EXPECT_EQ(40, tail_.GetOffset());
-  EXPECT_EQ(std::vector<std::string>{}, Logged());
-}
 
 TEST_F(LogTailTest, FileLargerThanFourGibibytesIsFollowedAtItsEnd) {
   constexpr off_t kSize = off_t{5} << 30;  // sparse: no disk is used
@@ -67,8 +55,11 @@ TEST_F(LogTailTest, FileLargerThanFourGibibytesIsFollowedAtItsEnd) {
   EXPECT_EQ(kSize + 2, tail_.GetOffset());
 }
 
-TEST_F(LogTailTest, LineEndsStayCorrectWhenLinesAreCompletedAtLaterPolls) {
-  testutil::WriteFile(path_, "");
+// Start sends nothing old; what is appended, before the first poll too, comes
+// once, in order, with its line ends right also where a line is completed at a
+// later poll.
+TEST_F(LogTailTest, StartSendsOnlyAppendsAndLineEndsStayCorrectAcrossPolls) {
+  testutil::WriteFile(path_, "written before start\n");
   StartAtEnd();
   Append("half a li");
   EXPECT_EQ("half a li", tail_.Poll());
@@ -84,20 +75,12 @@ TEST_F(LogTailTest, LineEndsStayCorrectWhenLinesAreCompletedAtLaterPolls) {
   EXPECT_EQ("\r\r\n", tail_.Poll());
   Append(std::string("a\0b\n\0\0c\0", 9));  // zero bytes are sent as they are
   EXPECT_EQ(std::string("a\0b\r\n\0\0c\0", 10), tail_.Poll());
+  EXPECT_EQ("", tail_.Poll());
+  EXPECT_EQ(111, tail_.GetOffset());
+  EXPECT_EQ(std::vector<std::string>{}, log_.Lines());
 }
 
-TEST_F(LogTailTest, TruncatedFileIsSentAgainFromItsStart) {
-  testutil::WriteFile(path_, "0123456789\n");
-  StartAtEnd();
-  Append("more\n");
-  EXPECT_EQ("more\r\n", tail_.Poll());
-  testutil::WriteFile(path_, "short\n");  // truncates in place, same inode
-  EXPECT_EQ("short\r\n", tail_.Poll());
-  Append("next\n");
-  EXPECT_EQ("next\r\n", tail_.Poll());
-}
-
-TEST_F(LogTailTest, RotationSendsRestOfOldFileThenNewFileEachLineOnce) {
+TEST_F(LogTailTest, RotationSendsRestOfOldFileThenNewFileAndTruncationAllAgainEachLineOnce) {
   testutil::WriteFile(path_, "before\n");
   StartAtEnd();
   Append("old 1\n");
@@ -110,12 +93,17 @@ TEST_F(LogTailTest, RotationSendsRestOfOldFileThenNewFileEachLineOnce) {
   EXPECT_EQ(0, CountTargets(path_ + ".1"));
   Append("new 3\n");
   EXPECT_EQ("new 3\r\n", tail_.Poll());
-  // Rotated again, the new file already longer than the old one was read: sent whole.
+  // Rotated again, the new file already longer than the old one was read: sent
+  // whole.
   ASSERT_EQ(0, std::rename(path_.c_str(), (path_ + ".1").c_str()));
   testutil::WriteFile(path_, std::string(100, 'n'));
   EXPECT_EQ(std::string(100, 'n'), tail_.Poll());
   EXPECT_EQ(100, tail_.GetOffset());
-  EXPECT_EQ(std::vector<std::string>{}, Logged());
+  testutil::WriteFile(path_, "short\n");  // truncates in place, same inode
+  EXPECT_EQ("short\r\n", tail_.Poll());
+  Append("next\n");
+  EXPECT_EQ("next\r\n", tail_.Poll());
+  EXPECT_EQ(std::vector<std::string>{}, log_.Lines());
 }
 
 TEST_F(LogTailTest, DeletedFileIsLoggedClosedAndSentWholeWhenItReturns) {
@@ -129,53 +117,17 @@ TEST_F(LogTailTest, DeletedFileIsLoggedClosedAndSentWholeWhenItReturns) {
   EXPECT_EQ(0, CountTargets(path_ + " (deleted)"));
   EXPECT_EQ("", tail_.Poll());
   const std::string line = "Session 1: Can't stat file: " + path_ + " (No such file or directory)";
-  EXPECT_EQ((std::vector<std::string>{line, line}), Logged());
+  EXPECT_EQ((std::vector<std::string>{line, line}), log_.Lines());
   testutil::WriteFile(path_, "reborn\n");
   EXPECT_EQ("reborn\r\n", tail_.Poll());
-  EXPECT_EQ(2u, Logged().size());
-}
-
-TEST_F(LogTailTest, DeletedFileBeyondThePollBudgetIsStillClosedByThatPoll) {
-  testutil::WriteFile(path_, "");
-  StartAtEnd();
+  EXPECT_EQ(2u, log_.Lines().size());
+  // Deleted with more than a poll reads left: still closed by that poll.
   Append(std::string(4 * kMiB + 1, 'd'));
   ASSERT_EQ(0, ::unlink(path_.c_str()));
   EXPECT_EQ(4 * kMiB, tail_.Poll().size());
   EXPECT_EQ(0, CountTargets(path_ + " (deleted)"));
   testutil::WriteFile(path_, "again\n");
   EXPECT_EQ("again\r\n", tail_.Poll());
-}
-
-TEST_F(LogTailTest, EightMiBAppendArrivesInTwoPollsOfFourMiB) {
-  testutil::WriteFile(path_, "");
-  StartAtEnd();
-  // One leading byte shifts the 16-byte lines so that the first 4 MiB end in "\r" and the next
-  // poll starts with its "\n"; every 7th line ends in a bare "\n".
-  std::string content = "x";
-  for (int i = 0; content.size() < 8 * kMiB; ++i) {
-    char line[32];
-    std::snprintf(line, sizeof(line), i % 7 == 6 ? "line%011d\n" : "line%010d\r\n", i);
-    content += line;
-  }
-  content.resize(8 * kMiB);
-  ASSERT_EQ('\r', content[4 * kMiB - 1]);
-  ASSERT_EQ('\n', content[4 * kMiB]);
-  Append(content);
-  std::string expected;
-  for (std::size_t i = 0; i < content.size(); ++i) {
-    if (content[i] == '\n' && (i == 0 || content[i - 1] != '\r')) expected += '\r';
-    expected += content[i];
-  }
-  std::string received;
-  for (int poll = 1; poll <= 2; ++poll) {
-    received += tail_.Poll();
-    EXPECT_EQ(static_cast<off_t>(poll * 4 * kMiB), tail_.GetOffset());
-  }
-  EXPECT_EQ("", tail_.Poll());
-  EXPECT_TRUE(received == expected)
-      << "received " << received.size() << " bytes, expected " << expected.size();
-  Append("!");
-  EXPECT_EQ("!", tail_.Poll());
 }
 
 TEST_F(LogTailTest, RotationSharesThePollBudgetWithoutLosingOrRepeatingBytes) {
@@ -199,42 +151,40 @@ TEST_F(LogTailTest, UnreadablePathIsRefusedAtStartAndLoggedOncePerFailureWhileFo
   ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
   EXPECT_EQ(EISDIR, tail_.Start(path_));
   EXPECT_FALSE(tail_.IsStarted());
-  EXPECT_EQ(std::vector<std::string>{cant_read}, Logged());
+  EXPECT_EQ(std::vector<std::string>{cant_read}, log_.Lines());
   ASSERT_EQ(0, ::rmdir(path_.c_str()));
 
-  // Missing at start: followed (a resume finds it gone), and the path turning unreadable is
-  // logged once, not every poll; once the file appears it is sent whole.
+  // Missing at start: followed (a resume finds it gone), and the path turning
+  // unreadable is logged once, not every poll; once the file appears it is sent
+  // whole.
   ASSERT_EQ(0, tail_.Start(path_));
   EXPECT_EQ(LogTail::Resumed::kGone, tail_.Reposition(LogTail::Position{1, 2, 3}));
   LogStream.ClearLogBuffer();
   ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
   for (int poll = 0; poll < 3; ++poll) EXPECT_EQ("", tail_.Poll());
-  EXPECT_EQ(std::vector<std::string>{cant_read}, Logged());
+  EXPECT_EQ(std::vector<std::string>{cant_read}, log_.Lines());
   ASSERT_EQ(0, ::rmdir(path_.c_str()));
   testutil::WriteFile(path_, "file now\n");
   EXPECT_EQ("file now\r\n", tail_.Poll());
 }
 
 TEST_F(LogTailTest, BacklogStartsAtTheLastWholeLinesWithinTheBounds) {
-  struct Case {
-    std::string content;
-    std::size_t lines;
-    std::string first_poll;
-  };
-  const std::vector<Case> cases = {
+  // The file, the lines asked for, and the first poll.
+  const std::tuple<std::string, std::size_t, std::string> cases[] = {
       {"a\nb\nc\n", 2, "b\r\nc\r\n"},
       {"a\nb\nc", 2, "b\r\nc"},
       {"a\nb\n", 5, "a\r\nb\r\n"},
       {"a\nb\n", 0, ""},
       {"", 3, ""},
   };
-  for (const Case& c : cases) {
-    testutil::WriteFile(path_, c.content);
+  for (const auto& [content, lines, first_poll] : cases) {
+    testutil::WriteFile(path_, content);
     StartAtEnd();
-    tail_.Backlog(c.lines);
-    EXPECT_EQ(c.first_poll, tail_.Poll()) << c.content << " " << c.lines;
+    tail_.Backlog(lines);
+    EXPECT_EQ(first_poll, tail_.Poll()) << content << " " << lines;
   }
-  // 5000 lines of 1000 bytes: only the whole lines of the last 4 MiB (4194 of them).
+  // 5000 lines of 1000 bytes: only the whole lines of the last 4 MiB (4194 of
+  // them).
   std::string big;
   for (int i = 0; i < 5000; ++i) big += std::string(999, 'x') + "\n";
   testutil::WriteFile(path_, big);
@@ -243,8 +193,8 @@ TEST_F(LogTailTest, BacklogStartsAtTheLastWholeLinesWithinTheBounds) {
   EXPECT_EQ(4194u * 1001u, tail_.Poll().size());
 }
 
-// A follower as a session is one: it reads on its own while it has a reader, and decodes what the
-// feed delivers.
+// A follower as a session is one: it reads on its own while it has a reader,
+// and decodes what the feed delivers.
 class TestFollower final : public LogFeed::Follower {
  public:
   bool IsHeldBack() const override { return held_back; }
@@ -285,7 +235,8 @@ TEST_F(LogTailTest, FeedFollowersTakeSharedDataOnlyInStepAndCatchUpAloneWhenHeld
   feed.Poll();
   b.held_back = true;
   Append("y\n");
-  feed.Poll();  // b falls out of step before the poll: y is left for its own reader
+  feed.Poll();  // b falls out of step before the poll: y is left for its own
+                // reader
   ASSERT_NE(b.own, nullptr);
   b.held_back = false;
   Append("z\n");
@@ -299,7 +250,8 @@ TEST_F(LogTailTest, FeedFollowersTakeSharedDataOnlyInStepAndCatchUpAloneWhenHeld
   EXPECT_EQ(a.delivered, "x\r\ny\r\nz\r\nw\r\n");
   EXPECT_EQ(b.delivered, "x\r\nw\r\n");
 
-  // A follower that read ahead of the feed joins once the feed stands where it stands.
+  // A follower that read ahead of the feed joins once the feed stands where it
+  // stands.
   TestFollower c;
   c.own = std::make_unique<LogTail>("Session 3: ");
   ASSERT_EQ(c.own->Start(path_), 0);
