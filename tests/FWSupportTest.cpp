@@ -141,7 +141,7 @@ TEST(FWSupportTest, UpdateCheckReportsANewerVersionOrWhyItFoundNone) {
   EXPECT_EQ(product.GetUpdateFailure(), "no answer from " + silent.Address() + " within 500 ms");
   EXPECT_EQ(silent.Request().substr(0, 21), "GET /n/v HTTP/1.0\r\nHo");
   const std::string closed = "127.0.0.1:" + std::to_string(testutil::FreePort());
-  EXPECT_FALSE(product.CheckForUpdate("http://" + closed + "/v", milliseconds(1000)));
+  EXPECT_FALSE(product.CheckForUpdate("http://" + closed + "/v", milliseconds(10000)));
   EXPECT_EQ(product.GetUpdateFailure(),
             "cannot connect to " + closed + ": (connect) Connection refused");
   for (const std::string url : {"http://127.0.0.1:65536/v", "http://127.0.0.1:0/v"}) {
