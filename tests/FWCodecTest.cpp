@@ -21,17 +21,10 @@
 namespace {
 
 using Result = FWFeedCodec::Result;
+using std::string_literals::operator""s;
 
 // The fixed key of the feed: every peer has it.
 const std::string kKey = "qgbcnn1HCRNb91390sSMBHbr2JN%&?%&";
-
-std::string FromHex(const std::string& hex) {
-  std::string bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
 
 // OpenSSL's ECB Blowfish over whole blocks in either direction, with each 32-bit half
 // byte-swapped on the way in and out: the feed reads a half least significant byte first.
@@ -177,10 +170,11 @@ TEST_F(FWCodecTest, CorruptStreamThrowsAndTheNextFrameIsStillRead) {
 
 // A peer may end its stream at the sync point: without the final block and the checksum.
 TEST_F(FWCodecTest, StreamEndingAtItsSyncPointYieldsWhatItHolds) {
-  std::string data = FromHex("7801ca48cdc9c9e7e502000000ffff");
+  const std::string at_sync_point = "\x78\x01\xca\x48\xcd\xc9\xc9\xe7\xe5\x02\x00\x00\x00\xff\xff"s;
+  std::string data = at_sync_point;
   FWFeedCodec::Inflate(data, 100);
   EXPECT_EQ(data, "hello\r\n");
-  data = FromHex("7801ca48cdc9c9e7e502000000ffff");
+  data = at_sync_point;
   EXPECT_THROW(FWFeedCodec::Inflate(data, 6), FWESizeExceeded);
 }
 
@@ -190,13 +184,15 @@ TEST_F(FWCodecTest, StreamEndingAtItsSyncPointYieldsWhatItHolds) {
 // the one before padding. The first streams are also written out.
 TEST_F(FWCodecTest, EveryFrameIsSyncMarkerLengthAndWhatPlainZlibMakesOfTheMessage) {
   const std::pair<std::string, std::string> cases[] = {
-      {"hello\r\n", "7801ca48cdc9c9e7e502000000ffff03000a7a022c"},
-      {"abcdefghij", "78014a4c4a4e494d4bcfc8cc02000000ffff0300158603f8"},
+      {"hello\r\n",
+       "\x78\x01\xca\x48\xcd\xc9\xc9\xe7\xe5\x02\x00\x00\x00\xff\xff\x03\x00\x0a\x7a\x02\x2c"s},
+      {"abcdefghij",
+       "\x78\x01\x4a\x4c\x4a\x4e\x49\x4d\x4b\xcf\xc8\xcc\x02\x00\x00\x00\xff\xff\x03\x00\x15\x86\x03\xf8"s},
       {"", ""},
       {Text(4096, false), ""},
       {Text(2 << 20, false), ""},
       {Text(2 << 20, true), ""}};
-  for (const auto& [sent, hex] : cases) {
+  for (const auto& [sent, written] : cases) {
     std::string stream;
     if (!sent.empty()) {
       z_stream z{};
@@ -212,7 +208,7 @@ TEST_F(FWCodecTest, EveryFrameIsSyncMarkerLengthAndWhatPlainZlibMakesOfTheMessag
       deflateEnd(&z);
     }
     if (sent.size() < 100) {
-      EXPECT_EQ(stream, FromHex(hex)) << sent;
+      EXPECT_EQ(stream, written) << sent;
     }
     const std::string padded = stream + std::string((8 - stream.size() % 8) % 8, '\x01');
     const std::string frame = daemon_.Frame(sent);
