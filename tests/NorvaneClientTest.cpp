@@ -1,10 +1,9 @@
 // The norvane client: its argument rules, and the norvane binary reading a feed from a daemon
-// played by the test (FeedPeer) that decides every message boundary, or from the real
-// norvaned binary (Daemon).
+// played by the test (FeedPeer) that decides every message boundary, or from the real norvaned
+// binary (Daemon).
 #include "NorvaneClient.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -81,7 +80,6 @@ class NorvaneClientTest : public ::testing::Test {
                             terminal_ >= 0 ? ::ptsname(terminal_) : "",
                             {{"NORVANE_PASSWORD", password}, {"NO_COLOR", no_colour}}});
   }
-  void Signal(int sig) { client_->Signal(sig); }
   // Waits (bounded) for the client to end; code -1 when it did not.
   Outcome WaitClient() { return Outcome{client_->Wait(), Out(), Err()}; }
   Outcome RunClient(const std::vector<std::string>& args,
@@ -90,26 +88,11 @@ class NorvaneClientTest : public ::testing::Test {
     return WaitClient();
   }
 
-  // The daemon sends only what is appended after its first look at the file, which comes some
-  // time after "start": append marker lines until one shows in the output. What follows is then
-  // appended after that look. A marker that arrives late is removed by WithoutMarkers.
-  void Synchronize(const std::string& file, const std::string& marker = "sync") {
-    for (int i = 0; i < 20 && Out().find(marker + " ") == std::string::npos; ++i) {
-      Append(file, marker + " " + std::to_string(i) + "\n");
-      WaitUntil([&] { return Out().find(marker + " ") != std::string::npos; },
-                std::chrono::milliseconds(1500));
-    }
-    EXPECT_NE(Out().find(marker + " "), std::string::npos) << "no data arrived: " << Err();
-  }
-  static std::string WithoutMarkers(const std::string& out) {
-    std::string kept;
-    for (const std::string& line : Lines(out + "\n")) {
-      if (line.find("sync") == std::string::npos) kept += line + "\n";
-    }
-    return kept.substr(0, kept.size() - 1);
-  }
-  bool WaitForOutput(const std::string& text, int wait_seconds = 15) {
-    return WaitUntil([&] { return Out().find(text) != std::string::npos; }, seconds(wait_seconds));
+  // Waits for text in standard output (or error); "FILE: following" on standard error tells that
+  // the daemon has taken its position in the file: what is appended from then on is sent.
+  bool WaitForOutput(const std::string& text, int wait_seconds = 15, bool err = false) {
+    return WaitUntil([&] { return (err ? Err() : Out()).find(text) != std::string::npos; },
+                     seconds(wait_seconds));
   }
   void Append(const std::string& file, const std::string& text) {
     WriteFile(daemon_.Logs().File(file), text, true);
@@ -119,17 +102,15 @@ class NorvaneClientTest : public ::testing::Test {
   void OpenTerminal() {
     terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(terminal_, 0);
-    ASSERT_EQ(::grantpt(terminal_), 0);
-    ASSERT_EQ(::unlockpt(terminal_), 0);
+    ASSERT_EQ(
+        ::grantpt(terminal_) | ::unlockpt(terminal_) | ::fcntl(terminal_, F_SETFL, O_NONBLOCK), 0);
   }
   bool WaitForTerminal(const std::string& text) {
     return WaitUntil(
         [&] {
-          pollfd entry{terminal_, POLLIN, 0};
           char buffer[4096];
-          if (::poll(&entry, 1, 100) == 1) {
-            const ssize_t got = ::read(terminal_, buffer, sizeof(buffer));
-            if (got > 0) terminal_out_.append(buffer, static_cast<std::size_t>(got));
+          for (ssize_t got; (got = ::read(terminal_, buffer, sizeof(buffer))) > 0;) {
+            terminal_out_.append(buffer, static_cast<std::size_t>(got));
           }
           return terminal_out_.find(text) != std::string::npos;
         },
@@ -194,7 +175,7 @@ TEST_F(NorvaneClientTest, DataIsToldFromRepliesByOrderAndTheEndByTheClose) {
   daemon.Send("line\r");  // the "\r\n" itself is split over two messages
   daemon.Send("\nlast\r\n");
   ASSERT_TRUE(WaitForOutput("last\n"));
-  Signal(SIGINT);
+  client_->Signal(SIGINT);
   EXPECT_EQ(daemon.Receive(), "stop\r\n");
   EXPECT_EQ(daemon.Receive(), "quit\r\n");
   // Data still in flight that reads exactly like the two replies, then more data: all data.
@@ -214,73 +195,78 @@ TEST_F(NorvaneClientTest, DataIsToldFromRepliesByOrderAndTheEndByTheClose) {
   EXPECT_EQ(outcome.err, "");
 }
 
-TEST_F(NorvaneClientTest, SilentDaemonAndBrokenRepliesEndWithTheirCodes) {
-  {
-    FeedPeer silent;
-    StartClient({"list", "-t", "1", "-p", std::to_string(silent.Port())}, "secret");
-    ASSERT_TRUE(silent.Accept());  // and never greets
+// A daemon that never greets, one with a hostile reply (escaped and cut to 200 bytes), and one
+// without the backlog extension (a warning, then followed until it closes). In the messages "@"
+// stands for "norvane: 127.0.0.1:PORT".
+TEST_F(NorvaneClientTest, SilentBrokenAndOlderDaemonsEndWithTheirCodes) {
+  using Steps = std::vector<std::pair<std::string, std::string>>;
+  Steps older = LoginThen("backlog 5 app.log\r\n");
+  older.insert(older.end(), {{"-ERR unrecognized command\r\n", "start app.log\r\n"},
+                             {"+OK start transmitting /logs/app.log\r\n", ""},
+                             {"+FEED 1 2 3\r\nnew line\r\nunfinished", ""}});
+  const std::string hostile = "-ERR \x1b]0;pwned\x07" + std::string(300, 'x') + "\r\n";
+  // The daemon closes after the steps when told to; otherwise the client ends first.
+  const auto expect = [&](std::vector<std::string> args, const Steps& steps, bool close, int code,
+                          const std::string& out, std::string err) {
+    FeedPeer daemon;
+    args.insert(args.begin() + 1, {"-p", std::to_string(daemon.Port())});
+    StartClient(args, "secret");
+    ASSERT_TRUE(daemon.Accept());
+    Play(daemon, steps);
+    if (close) daemon.Close();
     const Outcome outcome = WaitClient();
-    EXPECT_EQ(outcome.code, 6);
-    EXPECT_EQ(outcome.err, "norvane: 127.0.0.1:" + std::to_string(silent.Port()) +
-                               ": daemon stopped answering (no reply within 1 s)\n");
-  }
-  FeedPeer odd;
-  StartClient({"list", "-p", std::to_string(odd.Port())}, "secret");
-  ASSERT_TRUE(odd.Accept());
-  // A hostile reply: escaped, and cut to 200 bytes.
-  Play(odd, {{kGreeting, "user logwatcher\r\n"},
-             {"-ERR \x1b]0;pwned\x07" + std::string(300, 'x') + "\r\n", ""}});
-  const Outcome outcome = WaitClient();
-  EXPECT_EQ(outcome.code, 7);
-  EXPECT_EQ(outcome.err, "norvane: 127.0.0.1:" + std::to_string(odd.Port()) +
-                             ": unexpected reply \"-ERR \\x1b]0;pwned\\x07" +
-                             std::string(185, 'x') + "\" (cut to 200 bytes)\n");
-}
-
-TEST_F(NorvaneClientTest, BacklogAgainstAnOlderDaemonWarnsOnceAndFollowsUntilTheConnectionIsLost) {
-  FeedPeer daemon;
-  StartClient({"tail", "-q", "-n", "5", "-p", std::to_string(daemon.Port()), "app.log"}, "secret");
-  ASSERT_TRUE(daemon.Accept());
-  Play(daemon, LoginThen("backlog 5 app.log\r\n"));
-  Play(daemon, {{"-ERR unrecognized command\r\n", "start app.log\r\n"},
-                {"+OK start transmitting /logs/app.log\r\n", ""},
-                {"+FEED 1 2 3\r\nnew line\r\nunfinished", ""}});  // data to an old client
-  ASSERT_TRUE(WaitForOutput("unfinished"));
-  daemon.Close();
-  const Outcome outcome = WaitClient();
-  EXPECT_EQ(outcome.code, 3);
-  EXPECT_EQ(outcome.out, "+FEED 1 2 3\nnew line\nunfinished");
-  const std::string where = "norvane: 127.0.0.1:" + std::to_string(daemon.Port()) + "/app.log: ";
-  EXPECT_EQ(outcome.err, where +
-                             "the daemon has no backlog or resume extension; following new lines "
-                             "only\n" +
-                             where + "connection lost: the daemon closed the connection\n");
+    for (std::size_t at = 0; (at = err.find('@', at)) != std::string::npos;) {
+      err.replace(at, 1, "norvane: 127.0.0.1:" + std::to_string(daemon.Port()));
+    }
+    EXPECT_EQ(outcome.code, code) << err;
+    EXPECT_EQ(outcome.out, out);
+    EXPECT_EQ(outcome.err, err);
+  };
+  expect({"list", "-t", "1"}, {}, false, 6, "",
+         "@: daemon stopped answering (no reply within 1 s)\n");
+  expect({"list"}, {{kGreeting, "user logwatcher\r\n"}, {hostile, ""}}, false, 7, "",
+         "@: unexpected reply \"-ERR \\x1b]0;pwned\\x07" + std::string(185, 'x') +
+             "\" (cut to 200 bytes)\n");
+  expect({"tail", "-q", "-n", "5", "app.log"}, older, true, 3, "+FEED 1 2 3\nnew line\nunfinished",
+         "@/app.log: the daemon has no backlog or resume extension; following new lines only\n"
+         "@/app.log: connection lost: the daemon closed the connection\n");
 }
 
 // ---- The norvane binary against the real daemon ----
 
-TEST_F(NorvaneClientTest, BacklogWritesTheLastLinesThenTheAppendsEachOnce) {
+// The last lines, then every appended byte once: data that reads like a reply included, a half line
+// written at once. Ctrl-C ends with status 0 after "quit".
+TEST_F(NorvaneClientTest, TailWritesTheBacklogThenAppendedLinesEachOnceAndCtrlCQuitsCleanly) {
   std::string hundred;
   for (int i = 1; i <= 100; ++i) hundred += "line " + std::to_string(i) + "\n";
   WriteFile(daemon_.Logs().File("app.log"), hundred);
   StartDaemon();
-  StartClient({"tail", "-q", "-p", Port(), "-n", "5", "app.log"});
+  StartClient({"tail", "-p", Port(), "-n", "5", "app.log"});
   ASSERT_TRUE(WaitForOutput("line 100\n")) << Err();
-  Append("app.log", "after 1\n");
-  ASSERT_TRUE(WaitForOutput("after 1\n")) << Out();
-  Signal(SIGINT);
+  EXPECT_EQ(Err(),
+            "norvane: " + Source() + "app.log: following " + daemon_.Logs().Path() + "/app.log\n");
+  Append("app.log", "+OK not a reply\n-ERR not an error\nfirst half ");
+  ASSERT_TRUE(WaitForOutput("first half ")) << Out();
+  Append("app.log", "second half\n");
+  ASSERT_TRUE(WaitForOutput("second half\n")) << Out();
+  client_->Signal(SIGINT);
   const Outcome outcome = WaitClient();
   EXPECT_EQ(outcome.code, 0) << outcome.err;
-  EXPECT_EQ(outcome.out, "line 96\nline 97\nline 98\nline 99\nline 100\nafter 1\n");
-  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.out,
+            "line 96\nline 97\nline 98\nline 99\nline 100\n"
+            "+OK not a reply\n-ERR not an error\nfirst half second half\n");
+  // The daemon saw "quit" and closed the session itself (had the client closed first, the daemon
+  // would have logged "Connection closed by client" by the end of a later session).
+  EXPECT_EQ(RunClient({"list", "-p", Port()}).code, 0);
+  EXPECT_EQ(daemon_.Log().find("closed by client"), std::string::npos) << daemon_.Log();
 }
 
 // Lines written while the daemon is down arrive once; a file rotated meanwhile is announced.
 TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
   WriteFile(daemon_.Logs().File("app.log"), "old\n");
   StartDaemon();
-  StartClient({"tail", "-F", "-q", "-p", Port(), "app.log"});
-  Synchronize("app.log");
+  StartClient({"tail", "-F", "-q", "-n", "1", "-p", Port(), "app.log"});
+  ASSERT_TRUE(WaitForOutput("old\n")) << Err();  // with the position to resume from
   ASSERT_EQ(daemon_.Stop(SIGTERM), 0);
   Append("app.log", "while down\nunfinished ");
   daemon_.Start();
@@ -292,72 +278,28 @@ TEST_F(NorvaneClientTest, RetryResumesAcrossDaemonRestartsAndReportsARotation) {
   WriteFile(daemon_.Logs().File("app.log"), "rotated\n");
   daemon_.Start();
   ASSERT_TRUE(WaitForOutput("rotated\n")) << Err();
-  Signal(SIGINT);
+  client_->Signal(SIGINT);
   const Outcome outcome = WaitClient();
   EXPECT_EQ(outcome.code, 0) << outcome.err;
-  EXPECT_EQ(WithoutMarkers(outcome.out), "while down\nunfinished line\nrotated\n");
+  EXPECT_EQ(outcome.out, "old\nwhile down\nunfinished line\nrotated\n");
   const std::string where = "norvane: " + Source() + "app.log: ";
   EXPECT_EQ(outcome.err.find(where), 0u) << outcome.err;
   for (const char* notice :
-       {"connection lost: the daemon closed the connection; connecting again in 1 s\n",
+       {"connection lost: the daemon closed the connection; connecting again "
+        "in 1 s\n",
         "the file was rotated meanwhile; following it from its first byte\n"}) {
     EXPECT_NE(outcome.err.find(where + notice), std::string::npos) << outcome.err;
   }
-}
-
-TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesOnePerLine) {
-  WriteFile(daemon_.Logs().File("b.log"), "");
-  WriteFile(daemon_.Logs().File("a.log"), "x\n");
-  std::filesystem::create_directory(daemon_.Logs().File("sub"));
-  WriteFile(daemon_.Logs().File("sub/c.log"), "");
-  StartDaemon();
-  Outcome outcome = RunClient({"list", "--port", Port()});
-  EXPECT_EQ(outcome.code, 0) << outcome.err;
-  EXPECT_EQ(outcome.out, "a.log\nb.log\nsub/c.log\n");
-  EXPECT_EQ(outcome.err, "");
-  // Two daemons (here the same one twice): names in the form tail takes.
-  outcome = RunClient({"list", "127.0.0.1:" + Port(), "localhost:" + Port()});
-  EXPECT_EQ(outcome.code, 0) << outcome.err;
-  std::string expected;
-  for (const std::string host : {"127.0.0.1:", "localhost:"}) {
-    for (const char* name : {"a.log", "b.log", "sub/c.log"})
-      expected += host + Port() + "/" + name + "\n";
-  }
-  EXPECT_EQ(outcome.out, expected);
-  EXPECT_EQ(daemon_.Log().find("closed by client"), std::string::npos) << daemon_.Log();
-}
-
-TEST_F(NorvaneClientTest, TailWritesAppendedLinesAndCtrlCQuitsCleanly) {
-  WriteFile(daemon_.Logs().File("app.log"), "old line, not sent\n");
-  StartDaemon();
-  StartClient({"tail", "-p", Port(), "app.log"});
-  ASSERT_TRUE(WaitUntil([&] { return Err().find("following") != std::string::npos; }, seconds(15)));
-  EXPECT_EQ(Err(),
-            "norvane: " + Source() + "app.log: following " + daemon_.Logs().Path() + "/app.log\n");
-  Synchronize("app.log");
-  Append("app.log", "+OK not a reply\n-ERR not an error\nfirst half ");
-  ASSERT_TRUE(WaitForOutput("first half ")) << Out();  // the half line is written at once
-  Append("app.log", "second half\n");
-  ASSERT_TRUE(WaitForOutput("second half\n")) << Out();
-  Signal(SIGINT);
-  const Outcome outcome = WaitClient();
-  EXPECT_EQ(outcome.code, 0) << outcome.err;
-  EXPECT_EQ(WithoutMarkers(outcome.out),
-            "+OK not a reply\n-ERR not an error\nfirst half second half\n");
-  EXPECT_EQ(outcome.out.find("old line"), std::string::npos);
-  // The daemon saw "quit" and closed the session itself (had the client closed first, the
-  // daemon would have logged "Connection closed by client" by the end of a later session).
-  EXPECT_EQ(RunClient({"list", "-p", Port()}).code, 0);
-  EXPECT_EQ(daemon_.Log().find("closed by client"), std::string::npos) << daemon_.Log();
 }
 
 TEST_F(NorvaneClientTest, TwoFilesArePrefixedAndLinesNeverInterleave) {
   WriteFile(daemon_.Logs().File("a.log"), "");
   WriteFile(daemon_.Logs().File("b.log"), "");
   StartDaemon();
-  StartClient({"tail", "--port", Port(), "--crlf", "a.log", "b.log"});
-  Synchronize("a.log", "sync-a");
-  Synchronize("b.log", "sync-b");
+  StartClient({"tail", "--port", Port(), "--crlf", "-n", "0", "a.log", "b.log"});
+  for (const char* file : {"a.log: following", "b.log: following"}) {
+    ASSERT_TRUE(WaitForOutput(file, 15, true)) << Err();
+  }
   // a.log's line is cut in two by the daemon's polls while b.log's lines arrive in between.
   Append("a.log", "alpha begins ");
   for (int i = 0; i < 2; ++i) {
@@ -368,13 +310,12 @@ TEST_F(NorvaneClientTest, TwoFilesArePrefixedAndLinesNeverInterleave) {
   Append("b.log", "unfinished");
   Append("a.log", "and ends\n");
   ASSERT_TRUE(WaitForOutput("and ends")) << Out();
-  Signal(SIGTERM);
+  client_->Signal(SIGTERM);
   const Outcome outcome = WaitClient();
   EXPECT_EQ(outcome.code, 0) << outcome.err;
   const std::string source = Source();
-  EXPECT_EQ(WithoutMarkers(outcome.out),
-            source + "b.log: beta 0\r\n" + source + "b.log: beta 1\r\n" + source +
-                "a.log: alpha begins and ends\r\n" + source + "b.log: unfinished\r\n");
+  EXPECT_EQ(outcome.out, source + "b.log: beta 0\r\n" + source + "b.log: beta 1\r\n" + source +
+                             "a.log: alpha begins and ends\r\n" + source + "b.log: unfinished\r\n");
 }
 
 TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
@@ -395,7 +336,7 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchAndPicksUpANewFile) {
   WriteFile(daemon_.Logs().File("e.log"), "e.log first\n");
   // The daemon is asked again 8 s after the first list: a wider bound than other waits.
   ASSERT_TRUE(WaitForOutput("e.log: e.log first\n", 40)) << Err();
-  Signal(SIGINT);
+  client_->Signal(SIGINT);
   const Outcome outcome = WaitClient();
   EXPECT_EQ(outcome.code, 0) << outcome.err;
   std::vector<std::string> lines = Lines(outcome.out);
@@ -420,68 +361,69 @@ TEST_F(NorvaneClientTest, TerminalShowsControlCharactersEscapedAndPrefixesColour
       << terminal_out_;
   EXPECT_TRUE(WaitForTerminal("\x1b[33m" + source + "b.log\x1b[0m: \\x9b tab\tbell\\x07\r\n"))
       << terminal_out_;
-  Signal(SIGINT);
+  client_->Signal(SIGINT);
   EXPECT_EQ(WaitClient().code, 0);
   terminal_out_.clear();
   StartClient({"tail", "-q", "-n", "1", "--raw", "-p", Port(), "a.log", "b.log"}, "Kem01&*sB", "1");
   EXPECT_TRUE(WaitForTerminal(source + "a.log: \x1b]0;pwned\x07 title\r\n")) << terminal_out_;
-  Signal(SIGINT);
+  client_->Signal(SIGINT);
   EXPECT_EQ(WaitClient().code, 0);
 }
 
-TEST_F(NorvaneClientTest, RefusalsAndUsageErrorsHaveTheirMessagesAndCodes) {
-  WriteFile(daemon_.Logs().File("app.log"), "");
+TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesAndRefusalsAndUsageErrorsHaveTheirCodes) {
+  WriteFile(daemon_.Logs().File("b.log"), "");
+  WriteFile(daemon_.Logs().File("a.log"), "x\n");
+  std::filesystem::create_directory(daemon_.Logs().File("sub"));
+  WriteFile(daemon_.Logs().File("sub/c.log"), "");
   StartDaemon();
+  Outcome outcome = RunClient({"list", "--port", Port()});
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "a.log\nb.log\nsub/c.log\n");
+  EXPECT_EQ(outcome.err, "");
+  // Two daemons (here the same one twice): names in the form tail takes.
+  outcome = RunClient({"list", "127.0.0.1:" + Port(), "localhost:" + Port()});
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  std::string expected;
+  for (const std::string host : {"127.0.0.1:", "localhost:"}) {
+    for (const char* name : {"a.log", "b.log", "sub/c.log"})
+      expected += host + Port() + "/" + name + "\n";
+  }
+  EXPECT_EQ(outcome.out, expected);
+
   const std::string daemon = "norvane: 127.0.0.1:" + Port();
   const std::string again = "\nTry 'norvane --help'.\n";
-  const struct {
-    std::vector<std::string> args;
-    std::string password;
-    int code;
-    std::string err;
-  } cases[] = {
-      {{"list", "-p", Port()},
-       "wrong",
-       4,
-       daemon + ": login refused: wrong password for user \"logwatcher\"\n"},
-      {{"list", "-p", Port(), "--user", "bob"},
-       "Kem01&*sB",
-       4,
-       daemon + ": login refused: user \"bob\" unknown\n"},
-      {{"tail", "-q", "-p", Port(), "missing.log"},
-       "Kem01&*sB",
-       5,
-       daemon + "/missing.log: file not offered by the daemon (-ERR invalid logfile name); "
-                "`norvane list` shows the files it offers\n"},
-      {{"tail", "-p", Port(), " lead.log"},
-       "Kem01&*sB",
-       5,
-       daemon + "/ lead.log: cannot be requested: the daemon removes leading blanks and line ends "
-                "from a name, so \" lead.log\" can never reach it\n"},
-      {{"tail", "-p", Port(), "x*"},
-       "Kem01&*sB",
-       5,
-       daemon + "/x*: no file matches; `norvane list` shows the files the daemon offers\n"},
-      {{"list", "-p", Port()},
-       "",
-       2,
-       "norvane: no password: give --password, set NORVANE_PASSWORD, or run on a terminal to be "
-       "asked" +
-           again},
-      {{"tail", "--port"}, "Kem01&*sB", 2, "norvane: option --port needs a value" + again},
-      {{"tail", "-n", "10001", "app.log"},
-       "Kem01&*sB",
-       2,
-       "norvane: bad line count: 10001 (expected 0 to 10000)" + again},
-  };
-  for (const auto& [args, password, code, err] : cases) {
-    const Outcome outcome = RunClient(args, password);
+  const std::string p = Port();
+  // Refusals end the session with "quit"; usage errors come before any connection.
+  const auto expect = [&](int code, const std::string& password,
+                          const std::vector<std::string>& args, const std::string& err) {
+    outcome = RunClient(args, password);
     EXPECT_EQ(outcome.code, code) << err;
     EXPECT_EQ(outcome.err, err);
-  }
-  // The refused sessions were still ended with "quit".
+  };
+  expect(4, "wrong", {"list", "-p", p},
+         daemon + ": login refused: wrong password for user \"logwatcher\"\n");
+  expect(4, "Kem01&*sB", {"list", "-p", p, "--user", "bob"},
+         daemon + ": login refused: user \"bob\" unknown\n");
+  expect(5, "Kem01&*sB", {"tail", "-q", "-p", p, "missing.log"},
+         daemon +
+             "/missing.log: file not offered by the daemon (-ERR invalid logfile name); "
+             "`norvane list` shows the files it offers\n");
+  expect(5, "Kem01&*sB", {"tail", "-p", p, " lead.log"},
+         daemon +
+             "/ lead.log: cannot be requested: the daemon removes leading blanks and line "
+             "ends from a name, so \" lead.log\" can never reach it\n");
+  expect(5, "Kem01&*sB", {"tail", "-p", p, "x*"},
+         daemon + "/x*: no file matches; `norvane list` shows the files the daemon offers\n");
+  expect(2, "", {"list", "-p", p},
+         "norvane: no password: give --password, set NORVANE_PASSWORD, or run on a terminal to "
+         "be asked" +
+             again);
+  expect(2, "Kem01&*sB", {"tail", "--port"}, "norvane: option --port needs a value" + again);
+  expect(2, "Kem01&*sB", {"tail", "-n", "10001", "app.log"},
+         "norvane: bad line count: 10001 (expected 0 to 10000)" + again);
+  // The listed and the refused sessions were all ended with "quit".
   EXPECT_EQ(daemon_.Log().find("closed by client"), std::string::npos) << daemon_.Log();
-  Outcome outcome = RunClient({"--help"});
+  outcome = RunClient({"--help"});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_NE(outcome.out.find("  6  the daemon stopped answering"), std::string::npos);
   EXPECT_EQ(RunClient({"--version"}).out, "norvane " + FWProduct::GetVersion() + "\n");
