@@ -44,15 +44,13 @@ const std::string kGreeting = "Norvane Monitoring Service Ready.\r\n";
 const std::string kPassword = "Kem01&*sB";
 const Lines kListing = {"a.log\r\n", "b.log\r\n", "restart.log\r\n", "sub/c.log\r\n", "+OK\r\n"};
 
-// Text of exactly `size` bytes made of "user <blanks>\r\n" lines: each is a user command without
-// argument, which gets no reply, so the whole text is handled silently.
-std::string SilentText(std::size_t size) {
-  const std::string line = "user" + std::string(994, ' ') + "\r\n";  // 1000 bytes
+// A line of exactly `size` bytes that gets no reply: a user command without argument.
+std::string SilentText(std::size_t size) { return "user" + std::string(size - 6, ' ') + "\r\n"; }
+
+std::string Repeated(const std::string& line, int times) {
   std::string text;
-  while (text.size() + line.size() <= size) text += line;
-  const std::size_t rest = size - text.size();
-  if (rest >= 6) text += "user" + std::string(rest - 6, ' ') + "\r\n";
-  return text + std::string(size - text.size(), ' ');
+  for (int i = 0; i < times; ++i) text += line;
+  return text;
 }
 
 // A frame with a hand-made header; the body is enciphered as the codec does.
@@ -63,23 +61,18 @@ std::string RawFrame(std::uint32_t length, std::string body) {
   return frame + body;
 }
 
-// A frame whose compressed message is exactly `length` bytes: a zlib stream of stored blocks
-// holding silent text.
+// A frame whose compressed message is exactly `length` bytes: silent text in one stored zlib
+// block, which adds 11 bytes (2 of header, 5 of block header, 4 of checksum).
 std::string FrameOfCompressedLength(std::size_t length) {
-  for (std::size_t text_size = length - 200; text_size < length; ++text_size) {
-    const std::string text = SilentText(text_size);
-    std::string stream(compressBound(text.size()) + 64, '\0');
-    uLongf size = stream.size();
-    if (compress2(reinterpret_cast<Bytef*>(stream.data()), &size,
-                  reinterpret_cast<const Bytef*>(text.data()), text.size(), 0) != Z_OK) {
-      break;
-    }
-    if (size != length) continue;
-    stream.resize(size);
-    return RawFrame(static_cast<std::uint32_t>(size), stream);
-  }
-  ADD_FAILURE() << "no stored stream of " << length << " bytes";
-  return "";
+  const std::string text = SilentText(length - 11);
+  std::string stream(length + 64, '\0');
+  uLongf size = stream.size();
+  EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(stream.data()), &size,
+                      reinterpret_cast<const Bytef*>(text.data()), text.size(), 0),
+            Z_OK);
+  EXPECT_EQ(size, length);
+  stream.resize(size);
+  return RawFrame(static_cast<std::uint32_t>(size), stream);
 }
 
 std::string Dos(const std::string& text) {
@@ -161,7 +154,6 @@ class MonitoringSessionTest : public ::testing::Test {
     return message;
   }
   void Expect(const std::string& reply) { EXPECT_EQ(Next(), reply); }
-  void ExpectClosed() { EXPECT_EQ(Next(), "<closed>"); }
   // Each text in a frame of its own, then exactly its replies: none where none is listed (the
   // next reply listed shows that).
   void Talk(const std::vector<std::pair<std::string, Lines>>& steps) {
@@ -182,11 +174,8 @@ class MonitoringSessionTest : public ::testing::Test {
   }
   // A further client that logs in and starts a.log; the passes serve it as the first.
   FeedPeer& StartAnother() {
-    others_.push_back(std::make_unique<FeedPeer>(Port()));
-    FeedPeer& other = *others_.back();
-    other.Send("user logwatcher\r\n");
-    other.Send("pass " + kPassword + "\r\n");
-    other.Send("start a.log\r\n");
+    FeedPeer& other = *others_.emplace_back(std::make_unique<FeedPeer>(Port()));
+    other.Send("user logwatcher\r\npass " + kPassword + "\r\nstart a.log\r\n");
     for (const std::string& reply :
          {kGreeting, std::string("+OK\r\n"), std::string("+OK Login successful\r\n"),
           "+OK start transmitting " + root_.Path() + "/a.log\r\n"}) {
@@ -210,18 +199,6 @@ class MonitoringSessionTest : public ::testing::Test {
       return data.size() >= size;
     });
     return data;
-  }
-  // Passes until the first session's unsent output stays the same for three passes: its size.
-  std::size_t PumpUntilUnsentSettles() {
-    std::size_t settled = 0;
-    int unchanged = 0;
-    EXPECT_TRUE(PumpUntil([&] {
-      const std::size_t unsent = Session().GetIncomingBuffer().size();
-      unchanged = unsent == settled ? unchanged + 1 : 0;
-      settled = unsent;
-      return unchanged == 3;
-    }));
-    return settled;
   }
   MonitoringSession& Session() {
     return *dynamic_cast<MonitoringSession*>(port_->GetSessions().front().get());
@@ -300,6 +277,12 @@ TEST_F(MonitoringSessionTest, EveryReplyOfADialogueIsExact) {
             1);
   Connect();  // quit in any case also before login
   Talk({{"QUIT\r\n", {"+OK closing connection\r\n", "<closed>"}}});
+  port_->SetSearchPattern(FWString("*.none"));  // a listing with nothing matching
+  Connect();
+  Talk({{"user restarter\r\n", {"+OK\r\n"}},
+        {"pass bypass1\r\n", {"+OK Login successful\r\n"}},
+        {"list\r\n", {"+OK\r\n"}},
+        {"start a.log\r\n", {"-ERR invalid logfile name\r\n"}}});
 }
 
 // The extensions: each data message begins with the position after it (device, inode, offset).
@@ -327,52 +310,57 @@ TEST_F(MonitoringSessionTest, BacklogAndResumeRepliesAreExact) {
   Expect("+FEED " + id + "15\r\nmore\r\n");
 }
 
-TEST_F(MonitoringSessionTest, ListWithNothingMatchingAnswersOnlyOk) {
-  port_->SetSearchPattern(FWString("*.none"));
-  Connect();
-  Login();
-  Talk({{"list\r\n", {"+OK\r\n"}}, {"start a.log\r\n", {"-ERR invalid logfile name\r\n"}}});
-}
-
 // ---- Framing and bounded input ----
 
-// Each fault ends its session, logged under the session's prefix; the same input at the limit is
-// served first. Before login frames and messages hold at most 4096 bytes, after it frames 1 MiB;
-// command text without a line end at most 64 KiB.
-TEST_F(MonitoringSessionTest, FramingFaultsAndInputPastItsLimitEndOnlyThatSession) {
+// Each fault ends its session, logged under the session's prefix, after the replies it was owed;
+// the same input at the limit is served first. Before login frames and messages hold at most 4096
+// bytes, after it frames 1 MiB; command text without a line end at most 64 KiB. Before login ten
+// invalid commands, three wrong passwords or 30 s of idleness end a session too.
+TEST_F(MonitoringSessionTest, FaultsInputPastItsLimitAndIdlenessEndOnlyThatSession) {
   std::string bad_sync = codec_.Frame("list\r\n");
   bad_sync[0] = '\x01';
   struct Case {
-    bool login;
+    int login;           // 0: none, 1: "user logwatcher" only, 2: logged in
     std::string served;  // at the limit, then a command
     std::string reply;   // to that command
-    std::string fault;
+    std::string fault;   // "" for waiting 30 s
+    Lines owed;          // replies to the fault's commands
     std::string logged;
   };
+  const std::string failed = "-ERR Login failed (invalid password)\r\n";
   const std::vector<Case> cases = {
-      {false,
+      {0,
        FrameOfCompressedLength(4096) + codec_.Frame(SilentText(4096)) +
            codec_.Frame("user nobody\r\n"),
-       "-ERR User unknown\r\n", RawFrame(4097, ""), "Frame too large"},
-      {false, "", "", codec_.Frame(SilentText(4097)), "Message too large"},
-      {true, codec_.Frame(Noise(12000, 7) + "\r\n"), "-ERR unrecognized command\r\n",
-       RawFrame(1048577, ""), "Frame too large"},
-      {true, codec_.Frame(std::string(65536, 'x')) + codec_.Frame("\r\n"),
-       "-ERR unrecognized command\r\n", codec_.Frame(std::string(65537, 'x')), "Line too long"},
-      {false, "", "", bad_sync + codec_.Frame("quit\r\n"), "Lost sync reading from server"},
-      {false, "", "", RawFrame(8, "garbage!"),
+       "-ERR User unknown\r\n", RawFrame(4097, ""), Lines(), "Frame too large"},
+      {0, "", "", codec_.Frame(SilentText(4097)), Lines(), "Message too large"},
+      {2, codec_.Frame(Noise(12000, 7) + "\r\n"), "-ERR unrecognized command\r\n",
+       RawFrame(1048577, ""), Lines(), "Frame too large"},
+      {2, codec_.Frame(std::string(65536, 'x')) + codec_.Frame("\r\n"),
+       "-ERR unrecognized command\r\n", codec_.Frame(std::string(65537, 'x')), Lines(),
+       "Line too long"},
+      {0, "", "", bad_sync + codec_.Frame("quit\r\n"), Lines(), "Lost sync reading from server"},
+      {0, "", "", RawFrame(8, "garbage!"), Lines(),
        "ProxySession::Inflate operation failed (inflate: -3)"},
+      {0, "", "", codec_.Frame(Repeated("list\r\n", 11)), Lines(10, "-ERR invalid command\r\n"),
+       "Closing after 10 invalid commands before login"},
+      {1, "", "", codec_.Frame(Repeated("pass wrong\r\n", 4)), Lines(3, failed),
+       "Closing after 3 failed logins"},
+      {0, "", "", "", Lines(), "No login within 30 s, closing"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.logged);
     Connect();
-    if (c.login) Login();
+    if (c.login == 1) Talk({{"user logwatcher\r\n", {"+OK\r\n"}}});
+    if (c.login == 2) Login();
     if (!c.served.empty()) {
       client_->SendRaw(c.served);
       Expect(c.reply);
     }
+    if (c.fault.empty()) now_ += 30;
     client_->SendRaw(c.fault);
-    ExpectClosed();
+    for (const std::string& reply : c.owed) Expect(reply);
+    Expect("<closed>");
     const Lines lines = SessionLog();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[lines.size() - 2], Prefix() + c.logged);
@@ -383,43 +371,6 @@ TEST_F(MonitoringSessionTest, FramingFaultsAndInputPastItsLimitEndOnlyThatSessio
   Talk({{"user nobody\r\n", {"-ERR User unknown\r\n"}}});
 }
 
-// ---- Clients that have not logged in ----
-
-// Each ends its session: after the replies it was owed, or at once when it only waited.
-TEST_F(MonitoringSessionTest, InvalidCommandsWrongPasswordsAndIdlenessEndASessionBeforeLogin) {
-  struct Case {
-    bool user;  // "user logwatcher" first
-    std::string line;
-    int lines;
-    std::string reply;  // to each line but the last
-    std::string logged;
-  };
-  const std::vector<Case> cases = {
-      {false, "list\r\n", 11, "-ERR invalid command\r\n",
-       "Closing after 10 invalid commands before login"},
-      {true, "pass wrong\r\n", 4, "-ERR Login failed (invalid password)\r\n",
-       "Closing after 3 failed logins"},
-      {false, "", 0, "", "No login within 30 s, closing"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.logged);
-    Connect();
-    if (c.user) Talk({{"user logwatcher\r\n", {"+OK\r\n"}}});
-    std::string commands;
-    for (int i = 0; i < c.lines; ++i) commands += c.line;
-    if (commands.empty()) {
-      now_ += 30;
-    } else {
-      client_->Send(commands);
-    }
-    for (int i = 0; i + 1 < c.lines; ++i) Expect(c.reply);
-    ExpectClosed();
-    const Lines lines = SessionLog();
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[lines.size() - 2], Prefix() + c.logged);
-  }
-}
-
 // A client that sends commands but does not read its replies holds at most 64 KiB of them
 // before login; then its commands wait.
 TEST_F(MonitoringSessionTest, RepliesWaitingForAClientThatHasNotLoggedInStayUnder64KiB) {
@@ -427,12 +378,18 @@ TEST_F(MonitoringSessionTest, RepliesWaitingForAClientThatHasNotLoggedInStayUnde
   const int small = 4096;
   ASSERT_EQ(
       ::setsockopt(Session().GetIncomingSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
-  std::string users;
-  while (users.size() + 17 <= 4096) users += "user logwatcher\r\n";
-  for (int i = 0; i < 30; ++i) client_->Send(users);  // 7200 replies of about 24 bytes
-  std::size_t largest = 0;
-  extra_pass_ = [&] { largest = std::max(largest, Session().GetIncomingBuffer().size()); };
-  PumpUntilUnsentSettles();
+  const std::string users = Repeated("user logwatcher\r\n", 240);  // a frame's 4080 bytes
+  for (int i = 0; i < 30; ++i) client_->Send(users);               // 7200 replies of about 24 bytes
+  // Passes until the unsent replies stay the same for three passes.
+  std::size_t largest = 0, unsent = 0;
+  int unchanged = 0;
+  EXPECT_TRUE(PumpUntil([&] {
+    const std::size_t now = Session().GetIncomingBuffer().size();
+    largest = std::max(largest, now);
+    unchanged = now == unsent ? unchanged + 1 : 0;
+    unsent = now;
+    return unchanged == 3;
+  }));
   EXPECT_GT(largest, 64u * 1024);
   EXPECT_LE(largest, 72u * 1024);
 }
@@ -489,31 +446,6 @@ TEST_F(MonitoringSessionTest, NothingOutsideTheDocumentRootIsListedOrSent) {
 
 // ---- Tailing ----
 
-TEST_F(MonitoringSessionTest, StartSendsNothingOldThenEveryAppendedByteOnceInOrder) {
-  Connect();
-  StartA();
-  // Appended right after the reply, before any poll: it must not be taken for old content.
-  testutil::WriteFile(root_.File("a.log"), "one\ntwo\n", true);
-  Expect("one\r\ntwo\r\n");
-  testutil::WriteFile(root_.File("a.log"), "three", true);  // ends mid-line
-  Expect("three");
-  testutil::WriteFile(root_.File("a.log"), "\nfour\n", true);
-  Expect("\r\nfour\r\n");
-  // More than one poll reads (4 MiB): after one more second the clock stands, and the rest is
-  // read at the next passes, not a second later.
-  std::string lines;
-  for (int i = 0; lines.size() < 5 * kMiB; ++i) lines += "line " + std::to_string(i) + "\n";
-  testutil::WriteFile(root_.File("a.log"), lines, true);
-  ticking_ = false;
-  ++now_;
-  std::size_t largest = 0;
-  EXPECT_TRUE(ReceiveData(Dos(lines).size(), nullptr, &largest) == Dos(lines))
-      << "the data differs from the appended lines";
-  EXPECT_LE(largest, 1048576u) << "a data message over 1 MiB";
-  testutil::WriteFile(root_.File("a.log"), "end\n", true);
-  Expect("end\r\n");  // nothing was sent twice
-}
-
 TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyItsOwnSuffix) {
   Connect();
   StartA();
@@ -544,6 +476,13 @@ TEST_F(MonitoringSessionTest, SessionsOfOneFileShareOneFeedAndEachGetsExactlyIts
     EXPECT_NE(dynamic_cast<MonitoringSession&>(*session).GetFeed(), nullptr);
     EXPECT_EQ(dynamic_cast<MonitoringSession&>(*session).GetFeed(), Session().GetFeed());
   }
+  // One poll's data (3 MiB) goes out in messages of at most 1 MiB.
+  std::string lines;
+  for (int i = 0; lines.size() < 3 * kMiB; ++i) lines += "line " + std::to_string(i) + "\n";
+  testutil::WriteFile(a, lines, true);
+  std::size_t largest = 0;
+  EXPECT_TRUE(ReceiveData(Dos(lines).size(), nullptr, &largest) == Dos(lines));
+  EXPECT_LE(largest, 1048576u) << "a data message over 1 MiB";
 }
 
 // The first client stops reading while 256 KiB blocks are appended: the second gets every block
@@ -596,9 +535,7 @@ TEST_F(MonitoringSessionTest, AFrameOfManyLinesIsServedAThousandLinesAPass) {
     return Session().GetIncomingBytesSent() + Session().GetIncomingBuffer().size();
   };
   const std::size_t before = made();
-  std::string lines;
-  for (int i = 0; i < 4500; ++i) lines += "x\r\n";
-  client_->Send(lines);
+  client_->Send(Repeated("x\r\n", 4500));
   std::vector<std::size_t> handled;
   EXPECT_TRUE(PumpUntil([&] {
     handled.push_back((made() - before) / reply);
@@ -653,7 +590,9 @@ TEST_F(MonitoringSessionTest, ABurstOfConnectionsAboveDescriptor1023IsGreetedInA
 
 // ---- The client role ----
 
-TEST_F(MonitoringSessionTest, ClientRoleLogsInAndReceivesDataLines) {
+// The reader logs in and keeps data lines; it closes after quit, on lost sync and when the connect
+// fails.
+TEST_F(MonitoringSessionTest, ClientRoleKeepsDataLinesAndClosesOnQuitLostSyncOrAFailedConnect) {
   manager_.Init();
   MonitoringPort client_port;
   client_port.SetOutgoingServer(FWString("127.0.0.1"));
@@ -682,36 +621,29 @@ TEST_F(MonitoringSessionTest, ClientRoleLogsInAndReceivesDataLines) {
       << reader.GetReceivedText();
   reader.SendCommand("quit\r\n");
   EXPECT_TRUE(PumpUntil([&] { return !reader.IsOpen(); }));
-  const Lines log = SessionLog();
-  EXPECT_EQ(std::count(log.begin(), log.end(), "Session 7: Connection closed by server"), 1);
   extra_pass_ = nullptr;
-}
-
-TEST_F(MonitoringSessionTest, ClientRoleClosesOnLostSyncAndOnAFailedConnect) {
   FeedPeer server;
-  MonitoringPort client_port;
-  client_port.SetOutgoingServer(FWString("127.0.0.1"));
   client_port.SetOutgoingPort(FWString(std::to_string(server.Port())));
-  MonitoringSession reader(7, &client_port);
-  reader.Open(0);
-  ASSERT_TRUE(reader.IsOpen());
+  MonitoringSession lost(8, &client_port);
+  lost.Open(0);
+  ASSERT_TRUE(lost.IsOpen());
   ASSERT_TRUE(server.Accept());
-  reader.QueueIncoming(codec_.Frame(kGreeting) + codec_.Frame("data\r\n+OK\r\n"), false);
-  EXPECT_EQ(reader.GetReceivedText(), "data\r\n");
-  reader.QueueIncoming(std::string(8, '\x01'), false);
-  EXPECT_FALSE(reader.IsOpen());
-  EXPECT_EQ(reader.GetReceivedText(), "");
-
+  lost.QueueIncoming(codec_.Frame(kGreeting) + codec_.Frame("data\r\n+OK\r\n"), false);
+  EXPECT_EQ(lost.GetReceivedText(), "data\r\n");
+  lost.QueueIncoming(std::string(8, '\x01'), false);
+  EXPECT_FALSE(lost.IsOpen());
+  EXPECT_EQ(lost.GetReceivedText(), "");
   const std::string closed_port = std::to_string(testutil::FreePort());
   client_port.SetOutgoingPort(FWString(closed_port));
-  MonitoringSession refused(8, &client_port);
+  MonitoringSession refused(9, &client_port);
   refused.Open(0);
   EXPECT_FALSE(refused.IsOpen());
-  const Lines lines = SessionLog();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "Session 7: Lost sync reading from server");
-  EXPECT_TRUE(lines[1].starts_with("Session 8: Connect to 127.0.0.1:" + closed_port + " failed: "))
-      << lines[1];
+  const Lines log = SessionLog();
+  EXPECT_EQ(std::count(log.begin(), log.end(), "Session 7: Connection closed by server"), 1);
+  EXPECT_EQ(std::count(log.begin(), log.end(), "Session 8: Lost sync reading from server"), 1);
+  EXPECT_TRUE(
+      log.back().starts_with("Session 9: Connect to 127.0.0.1:" + closed_port + " failed: "))
+      << log.back();
 }
 
 }  // namespace
