@@ -1,9 +1,6 @@
 // The gateway of norvane web in this process: its text helpers, and its HTTP side fed through the
 // listener interface as a tail run feeds it (the browser test drives the real programs).
 #include <httplib.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <future>
@@ -13,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "NorvaneWeb.h"
+#include "TestUtil.h"
 
 namespace {
 
@@ -75,16 +73,17 @@ TEST(WebViewTest, JsonStringsKeepValidUtf8AndEscapeEverythingElse) {
 }
 
 TEST(WebViewTest, ListenAddressesLoopbackAndTokens) {
-  NorvaneWeb::Settings settings;
-  std::string error;
-  ASSERT_TRUE(NorvaneWeb::ParseListen(":9000", &settings, &error));
-  EXPECT_EQ(settings.host + " " + std::to_string(settings.port), "127.0.0.1 9000");
-  ASSERT_TRUE(NorvaneWeb::ParseListen("[::1]:0", &settings, &error));
-  EXPECT_EQ(settings.host + " " + std::to_string(settings.port), "::1 0");
-  EXPECT_FALSE(NorvaneWeb::ParseListen("8080", &settings, &error));
-  EXPECT_EQ(error, "bad listen address \"8080\" (expected HOST:PORT)");
-  EXPECT_FALSE(NorvaneWeb::ParseListen("h:65536", &settings, &error));
-  EXPECT_EQ(error, "bad port \"65536\" in listen address (expected 0 to 65535)");
+  // "HOST PORT", or the error.
+  const auto listen = [](const std::string& text) {
+    NorvaneWeb::Settings settings;
+    std::string error;
+    const bool parsed = NorvaneWeb::ParseListen(text, &settings, &error);
+    return parsed ? settings.host + " " + std::to_string(settings.port) : error;
+  };
+  EXPECT_EQ(listen(":9000"), "127.0.0.1 9000");
+  EXPECT_EQ(listen("[::1]:0"), "::1 0");
+  EXPECT_EQ(listen("8080"), "bad listen address \"8080\" (expected HOST:PORT)");
+  EXPECT_EQ(listen("h:65536"), "bad port \"65536\" in listen address (expected 0 to 65535)");
   for (const char* host : {"127.0.0.1", "127.9.8.7", "localhost", "::1"}) {
     EXPECT_TRUE(NorvaneWeb::IsLoopback(host)) << host;
   }
@@ -137,17 +136,9 @@ TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
   NorvaneWeb& web = *view;
 
   // A browser that asks for the stream and never reads it holds up nobody.
-  const int stalled = ::socket(AF_INET, SOCK_STREAM, 0);
-  const int small = 4096;
-  ::setsockopt(stalled, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::connect(stalled, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  const std::string request = "GET /events?token=secret-token HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-  ASSERT_EQ(::send(stalled, request.data(), request.size(), 0),
-            static_cast<ssize_t>(request.size()));
+  testutil::FeedPeer stalled(port, "127.0.0.1", 4096);  // raw bytes only
+  ASSERT_TRUE(stalled.Connected());
+  stalled.SendRaw("GET /events?token=secret-token HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
 
   web.OnState(kApp, State::kFollowing, "following /logs/app.log");
   web.OnData(kApp, "one\ntwo\nthr", false);
@@ -197,6 +188,6 @@ TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
   // Nor does the stalled browser hold up the end: its write times out.
   auto stopping = std::async(std::launch::async, [&] { web.Stop(); });
   const bool stopped = stopping.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-  ::close(stalled);
+  stalled.Close();
   EXPECT_TRUE(stopped);
 }
