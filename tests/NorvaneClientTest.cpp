@@ -142,6 +142,7 @@ TEST_F(NorvaneClientTest, TailTargetsTakeTheDaemonOnlyWhenAColonComesBeforeTheFi
       {"web1:/a/b.log", "web1|9080|a/b.log"},
       {":9082/x.log", "127.0.0.1|9082|x.log"},
       {"a:b.log", "127.0.0.1|9080|a:b.log"},
+      {"logs/a:b.log", "127.0.0.1|9080|logs/a:b.log"},  // the colon comes after the slash
       {"h:65535/x", "h|65535|x"},
       {"h:65536/x", "bad port \"65536\" (expected 1 to 65535) in \"h:65536/x\""},
       {"h:0/x", "bad port \"0\" (expected 1 to 65535) in \"h:0/x\""},
