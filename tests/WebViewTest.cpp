@@ -131,20 +131,19 @@ TEST(WebViewTest, EveryRequestNeedsTheTokenOrWithoutOneALoopbackHost) {
 
 TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
   int port = 0;
-  const auto view = StartView("secret-token", &port);
-  ASSERT_NE(view, nullptr);
-  NorvaneWeb& web = *view;
+  const auto web = StartView("secret-token", &port);
+  ASSERT_NE(web, nullptr);
 
   // A browser that asks for the stream and never reads it holds up nobody.
   testutil::FeedPeer stalled(port, "127.0.0.1", 4096);  // raw bytes only
   ASSERT_TRUE(stalled.Connected());
   stalled.SendRaw("GET /events?token=secret-token HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
 
-  web.OnState(kApp, State::kFollowing, "following /logs/app.log");
-  web.OnData(kApp, "one\ntwo\nthr", false);
-  web.OnData(kApp, "ee\n" + std::string(16390, 'x') + "\n\x1b[1m", false);
-  web.OnData(kApp, "<b>", true);
-  web.OnState(kApp, State::kReconnecting, "connection lost; connecting again in 1 s");
+  web->OnState(kApp, State::kFollowing, "following /logs/app.log");
+  web->OnData(kApp, "one\ntwo\nthr", false);
+  web->OnData(kApp, "ee\n" + std::string(16390, 'x') + "\n\x1b[1m", false);
+  web->OnData(kApp, "<b>", true);
+  web->OnState(kApp, State::kReconnecting, "connection lost; connecting again in 1 s");
   std::string text = ReadEvents(port, "in 1 s\"}]\n\n");
   EXPECT_NE(text.find("retry: 2000\nevent: hello\ndata: {\"instance\":"), std::string::npos);
   // A long line arrives in pieces of 16384 bytes.
@@ -153,19 +152,17 @@ TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
   ASSERT_NE(piece, std::string::npos);
   items.replace(piece, 16384, "<16384 x>");
   EXPECT_EQ(items,
-            "{\"s\":0,\"label\":\"127.0.0.1:9080/app.log\",\"pattern\":false,\"state\":"
-            "\"connecting\",\"text\":\"\"},{\"s\":0,\"label\":\"127.0.0.1:9080/app.log\","
+            "{\"s\":0,\"label\":\"127.0.0.1:9080/app.log\",\"pattern\":false,"
+            "\"state\":\"connecting\",\"text\":\"\"},{\"s\":0,\"label\":\"127.0.0.1:9080/app.log\","
             "\"pattern\":false,\"state\":\"following\",\"text\":\"following /logs/app.log\"},"
-            "{\"s\":0,\"t\":\"one\"},{\"s\":0,\"t\":\"two\"},{\"s\":0,\"t\":\"three\"},"
-            "{\"s\":0,\"t\":\"<16384 "
-            "x>\"},{\"s\":0,\"t\":\"xxxxxx\"},{\"s\":0,\"t\":\"\\\\x1b[1m<b>\"},{\"s\":0,\"label\":"
-            "\"127.0.0.1:9080/app.log\",\"pattern\":"
-            "false,\"state\":\"reconnecting\",\"text\":\"connection lost; connecting again "
-            "in 1 s\"}");
+            "{\"s\":0,\"t\":\"one\"},{\"s\":0,\"t\":\"two\"},{\"s\":0,\"t\":\"three\"},{\"s\":0,"
+            "\"t\":\"<16384 x>\"},{\"s\":0,\"t\":\"xxxxxx\"},{\"s\":0,\"t\":\"\\\\x1b[1m<b>\"},"
+            "{\"s\":0,\"label\":\"127.0.0.1:9080/app.log\",\"pattern\":false,"
+            "\"state\":\"reconnecting\",\"text\":\"connection lost; connecting again in 1 s\"}");
 
   // A stream made again after the last id it received gets only what followed.
   const std::string last = Between(text, "id: ", "\n");
-  web.OnData(kApp, "four\n", false);
+  web->OnData(kApp, "four\n", false);
   text = ReadEvents(port, "four", {{"Last-Event-ID", last}});
   EXPECT_EQ(Between(text, "event: feed\ndata: [", "]"), "{\"s\":0,\"t\":\"four\"}");
 
@@ -173,20 +170,19 @@ TEST(WebViewTest, StreamsLinesInOrderResumesAndKeepsABoundedHistory) {
   // (6 MB, more than the stalled browser's socket takes) does not wait for any browser.
   const std::string filler(300, '.');
   auto feeding = std::async(std::launch::async, [&] {
-    for (int i = 1; i <= 20500; ++i) web.OnData(kApp, filler + std::to_string(i) + "\n", false);
+    for (int i = 1; i <= 20500; ++i) web->OnData(kApp, filler + std::to_string(i) + "\n", false);
   });
   ASSERT_EQ(feeding.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   text = ReadEvents(port, ".20500\"", {{"Last-Event-ID", last}});
   EXPECT_NE(text.find("data: [{\"skipped\":501},{\"s\":0,\"t\":\"" + filler + "501\"},"),
-            std::string::npos)
-      << text.substr(0, 400);
+            std::string::npos);
   text = ReadEvents(port, ".20500\"");
   std::size_t lines = 0;
   for (std::size_t at = 0; (at = text.find("\"t\":", at)) != std::string::npos; ++at) ++lines;
   EXPECT_EQ(lines, 20000u);
 
   // Nor does the stalled browser hold up the end: its write times out.
-  auto stopping = std::async(std::launch::async, [&] { web.Stop(); });
+  auto stopping = std::async(std::launch::async, [&] { web->Stop(); });
   const bool stopped = stopping.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   stalled.Close();
   EXPECT_TRUE(stopped);
