@@ -61,20 +61,6 @@ std::string RawFrame(std::uint32_t length, std::string body) {
   return frame + body;
 }
 
-// A frame whose compressed message is exactly `length` bytes: silent text in one stored zlib
-// block, which adds 11 bytes (2 of header, 5 of block header, 4 of checksum).
-std::string FrameOfCompressedLength(std::size_t length) {
-  const std::string text = SilentText(length - 11);
-  std::string stream(length + 64, '\0');
-  uLongf size = stream.size();
-  EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(stream.data()), &size,
-                      reinterpret_cast<const Bytef*>(text.data()), text.size(), 0),
-            Z_OK);
-  EXPECT_EQ(size, length);
-  stream.resize(size);
-  return RawFrame(static_cast<std::uint32_t>(size), stream);
-}
-
 // Lines of 99 printable random bytes and a line end: they compress little, so what waits for a
 // client is close to their size.
 std::string Noise(std::size_t size, unsigned seed, const char* end = "\r\n") {
@@ -302,6 +288,16 @@ TEST_F(MonitoringSessionTest, BacklogAndResumeRepliesAreExact) {
 // bytes, after it frames 1 MiB; command text without a line end at most 64 KiB. Before login ten
 // invalid commands, three wrong passwords or 30 s of idleness end a session too.
 TEST_F(MonitoringSessionTest, FaultsInputPastItsLimitAndIdlenessEndOnlyThatSession) {
+  // A compressed message of exactly 4096 bytes: silent text in one stored zlib block, which adds
+  // 11 bytes (2 of header, 5 of block header, 4 of checksum).
+  const std::string text = SilentText(4085);
+  std::string at_limit(4096 + 64, '\0');
+  uLongf size = at_limit.size();
+  ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(at_limit.data()), &size,
+                      reinterpret_cast<const Bytef*>(text.data()), text.size(), 0),
+            Z_OK);
+  ASSERT_EQ(size, 4096u);
+  at_limit.resize(size);
   std::string bad_sync = codec_.Frame("list\r\n");
   bad_sync[0] = '\x01';
   struct Case {
@@ -315,8 +311,7 @@ TEST_F(MonitoringSessionTest, FaultsInputPastItsLimitAndIdlenessEndOnlyThatSessi
   const std::string failed = "-ERR Login failed (invalid password)\r\n";
   const std::vector<Case> cases = {
       {0,
-       FrameOfCompressedLength(4096) + codec_.Frame(SilentText(4096)) +
-           codec_.Frame("user nobody\r\n"),
+       RawFrame(4096, at_limit) + codec_.Frame(SilentText(4096)) + codec_.Frame("user nobody\r\n"),
        "-ERR User unknown\r\n", RawFrame(4097, ""), Lines(), "Frame too large"},
       {0, "", "", codec_.Frame(SilentText(4097)), Lines(), "Message too large"},
       {2, codec_.Frame(Noise(12000, 7, "\n") + "\r\n"), "-ERR unrecognized command\r\n",
