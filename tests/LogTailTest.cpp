@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "FWFeedCodec.h"
-#include "FWLogStream.h"
 #include "LogFeed.h"
 #include "TestUtil.h"
 
@@ -157,10 +156,9 @@ TEST_F(LogTailTest, UnreadablePathIsRefusedAtStartAndLoggedOncePerFailureWhileFo
   // whole.
   ASSERT_EQ(0, tail_.Start(path_));
   EXPECT_EQ(LogTail::Resumed::kGone, tail_.Reposition(LogTail::Position{1, 2, 3}));
-  LogStream.ClearLogBuffer();
   ASSERT_EQ(0, ::mkdir(path_.c_str(), 0755));
   for (int poll = 0; poll < 3; ++poll) EXPECT_EQ("", tail_.Poll());
-  EXPECT_EQ(std::vector<std::string>{cant_read}, log_.Lines());
+  EXPECT_EQ((std::vector<std::string>{cant_read, cant_read}), log_.Lines());
   ASSERT_EQ(0, ::rmdir(path_.c_str()));
   testutil::WriteFile(path_, "file now\n");
   EXPECT_EQ("file now\r\n", tail_.Poll());
