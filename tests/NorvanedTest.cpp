@@ -18,7 +18,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FWFeedCodec.h"
 #include "FWProduct.h"
 #include "TestUtil.h"
 
@@ -130,9 +129,8 @@ TEST_F(NorvanedTest, StartsInItsOwnDirectoryServesASessionWithItsAuditTrailAndSt
     EXPECT_EQ(Count(log, session + line), 1u) << session + line;
   }
   lines = daemon_.LogLines();
-  const auto going_down = std::find(lines.begin(), lines.end(), "Going down on signal 15");
-  ASSERT_LT(going_down + 1, lines.end()) << log;
-  EXPECT_EQ(going_down[1], Name() + " shutting down");
+  EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
+            (std::vector<std::string>{"Going down on signal 15", Name() + " shutting down"}));
 }
 
 TEST_F(NorvanedTest, ForegroundLogsToStandardErrorAndSignalsEndItAlsoDuringStartUp) {
@@ -391,11 +389,9 @@ TEST_F(NorvanedTest, OutOfDescriptorsItSaysSoWaitsWithoutSpinningAndRecovers) {
   EXPECT_EQ(FeedPeer(daemon_.Port()).Login(kPassword), kLoggedIn);
 }
 
-// The built-in password admits loopback clients only; three wrong passwords end a session and
-// ten failures from one address within a minute refuse it. 127.0.0.2 stands in for a remote host.
-// Before login, one frame of about 4.6 KB (over the 4 KiB allowed) that would inflate to 524,287
-// empty lines ends only its connection and costs no memory.
-TEST_F(NorvanedTest, DefaultPasswordAdmitsLoopbackOnlyGuessesAreBrakedAndBadFramesEndOnlyTheirs) {
+// The built-in password admits loopback clients only (the session's own tests cover wrong
+// passwords, their brake and oversized frames). 127.0.0.2 stands in for a remote host.
+TEST_F(NorvanedTest, DefaultPasswordIsWarnedAboutAndAdmitsLoopbackClientsOnly) {
   daemon_.WriteConfig();
   const std::string config = daemon_.Config();
   ASSERT_EQ(::chmod(config.c_str(), 0644), 0);
@@ -413,36 +409,9 @@ TEST_F(NorvanedTest, DefaultPasswordAdmitsLoopbackOnlyGuessesAreBrakedAndBadFram
     warning[0] = static_cast<char>(std::toupper(warning[0]));
     EXPECT_EQ(daemon_.CountInLog("WARNING: " + warning + "\n"), 1u) << warning;
   }
-  const char* remote = "127.0.0.2";
-  EXPECT_EQ(FeedPeer(daemon_.Port(), remote).Login(kPassword), kLoginFailed);
+  EXPECT_EQ(FeedPeer(daemon_.Port(), "127.0.0.2").Login(kPassword), kLoginFailed);
   EXPECT_EQ(FeedPeer(daemon_.Port()).Login(kPassword), kLoggedIn);
-  const long rss_before = ProcField("status", "VmRSS:");
-  FeedPeer attacker(daemon_.Port(), "127.0.0.1", 4096);
-  EXPECT_EQ(attacker.Receive(), kGreeting);
-  std::string lines;
-  for (int i = 0; i < 524287; ++i) lines += "\r\n";
-  ASSERT_GT(FWFeedCodec(1, 1).Frame(lines).size(), 4096u + 8);
-  attacker.Send(lines);
-  EXPECT_EQ(attacker.Receive(), "<closed>");
-  EXPECT_LT(ProcField("status", "VmRSS:") - rss_before, 4096) << "KiB more resident memory";
-  EXPECT_TRUE(daemon_.WaitForLog("Frame too large\n"));
-  for (int session = 0; session < 3; ++session) {
-    FeedPeer guesser(daemon_.Port(), remote);
-    EXPECT_EQ(guesser.Login("guess1"), kLoginFailed);
-    for (const char* guess : {"pass guess2\r\n", "pass guess3\r\n"}) {
-      guesser.Send(guess);
-      EXPECT_EQ(guesser.Receive(), kLoginFailed);
-    }
-    EXPECT_EQ(guesser.Receive(), "<closed>");
-  }
-  EXPECT_EQ(FeedPeer(daemon_.Port()).Login(kPassword), kLoggedIn);
-  ASSERT_TRUE(
-      daemon_.WaitForLog("Refusing logins from 127.0.0.2 for 60 s after 10 failed logins\n"));
-  const std::string failed = "Login failed: user \"logwatcher\" from 127.0.0.2 (";
-  EXPECT_EQ(daemon_.CountInLog("Refusing logins"), 1u);
-  EXPECT_EQ(daemon_.CountInLog(failed + "the default password admits loopback clients only)\n"),
-            1u);
-  EXPECT_EQ(daemon_.CountInLog(failed + "wrong password)\n"), 9u);
-  EXPECT_EQ(daemon_.CountInLog("Closing after 3 failed logins\n"), 3u);
-  EXPECT_EQ(daemon_.CountInLog("guess"), 0u);
+  EXPECT_TRUE(daemon_.WaitForLog(
+      "Login failed: user \"logwatcher\" from 127.0.0.2 (the default password admits loopback "
+      "clients only)\n"));
 }
