@@ -97,9 +97,7 @@ class SessionManagerLoopTest : public ::testing::Test {
  protected:
   void SetUp() override {
     LogStream.SetOptions(0);
-    std::vector<std::string> counters;
-    for (const auto& entry : Counter.GetAll()) counters.push_back(entry.first);
-    for (const std::string& name : counters) Counter.Clear(name);
+    for (const auto& entry : Counter.GetAll()) Counter.Clear(entry.first);  // sets it to 0
     manager_.SetUpdateCheck("", milliseconds(1000));
   }
   void TearDown() override {
@@ -169,7 +167,6 @@ TEST_F(SessionManagerLoopTest, SessionsAreServedReapedAndNumberedFromBothEndsOfT
   auto* monitoring = AddPort<MonitoringPort>("Monitoring");
   monitoring->SetDocumentRoot(FWString(root.Path()));
   manager_.Init();
-  ASSERT_EQ(manager_.GetFreeNumbers().size(), PoolSize());
   auto first = Connect(port);
   ASSERT_TRUE(PassUntil([&] { return port->GetSessions().size() == 1; }));
   auto second = Connect(port);
@@ -307,16 +304,13 @@ TEST_F(SessionManagerLoopTest, InitAndExitLogTheirLinesInOrderOnlyOnce) {
 
 // ---- The worker thread and the update check ----
 
-// A newer version is logged once; the same version, or no URL, logs nothing; a failed check is
-// reported once, and never as an update.
-TEST_F(SessionManagerLoopTest, UpdateCheckLogsANewerVersionOnceAndAFailureOnce) {
+// A newer version is logged once, and no URL logs nothing (FWSupportTest covers what a check finds;
+// a failed check's line is below).
+TEST_F(SessionManagerLoopTest, UpdateCheckLogsANewerVersionOnceAndNothingWithoutAUrl) {
   const std::vector<std::pair<std::string, Lines>> cases = {
       {"", {}},  // no URL, no check
       {"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n99.0.1\n",
        {"Update check: Version 99.0.1 is available (running " + FWProduct::GetVersion() + ")"}},
-      {"HTTP/1.0 200 OK\r\n\r\n" + FWProduct::GetVersion() + "\n", {}},
-      {"HTTP/1.0 404 Not Found\r\n\r\nnothing here\n",
-       {"Update check: Server answered 'HTTP/1.0 404 Not Found'"}},
   };
   for (const auto& [response, expected] : cases) {
     SCOPED_TRACE(response);
@@ -329,11 +323,8 @@ TEST_F(SessionManagerLoopTest, UpdateCheckLogsANewerVersionOnceAndAFailureOnce) 
     manager.Init();  // starts the check on the worker thread
     if (!response.empty()) {
       ASSERT_TRUE(server.Accept());
-      std::string request;
-      while (!request.ends_with("\r\n\r\n")) {
-        const std::string byte = server.ReceiveRaw(1);
-        ASSERT_EQ(byte.size(), 1u) << request;
-        request += byte;
+      for (std::string request, byte; !request.ends_with("\r\n\r\n"); request += byte) {
+        ASSERT_EQ((byte = server.ReceiveRaw(1)).size(), 1u) << request;  // to the request's end
       }
       server.SendRaw(response);
     }
@@ -425,7 +416,6 @@ TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLog
   std::sort(session_lines.begin(), session_lines.end());
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(session_lines, expected);
-  EXPECT_EQ(expected.size(), 8u);
 }
 
 // ---- One proxy session, call by call ----
@@ -450,7 +440,6 @@ class ProxySessionTest : public ::testing::Test {
     EXPECT_TRUE(WaitReadable(session.GetIncomingSocket())) << "client sent nothing";
     return session.ReceiveIncoming();
   }
-  bool ClientSeesEnd() { return client_->ReceiveRaw(1).empty() && client_->Closed(); }
 
   testutil::LogCapture log_;
   testutil::LoopbackListener listener_;
@@ -475,7 +464,7 @@ TEST_F(ProxySessionTest, AcceptRecordsBothEndsAndConnectionLinesAreLoggedOnceWhe
   session->Close();
   EXPECT_EQ(session->GetIncomingSocket(), 0);
   EXPECT_EQ(session->GetIncomingBuffer().Text(), "");
-  EXPECT_TRUE(ClientSeesEnd());
+  EXPECT_TRUE(client_->ReceiveRaw(1).empty() && client_->Closed());
   session->Close();
   EXPECT_EQ(session->ReceiveIncoming(), 0);
   EXPECT_EQ(log_.Lines(), (Lines{"Session 3: Connection from 127.0.0.1 accepted on 127.0.0.1:" +
