@@ -100,10 +100,7 @@ class SessionManagerLoopTest : public ::testing::Test {
     for (const auto& entry : Counter.GetAll()) Counter.Clear(entry.first);  // sets it to 0
     manager_.SetUpdateCheck("", milliseconds(1000));
   }
-  void TearDown() override {
-    manager_.Exit();
-    LogStream.SetOptions(0);
-  }
+  void TearDown() override { manager_.Exit(); }
 
   unsigned PoolSize() const { return static_cast<unsigned>(manager_.GetPoolSize()); }
 
@@ -145,10 +142,8 @@ class SessionManagerLoopTest : public ::testing::Test {
     return numbers;
   }
   Lines LinesStartingWith(const std::string& start) const {
-    Lines lines;
-    for (const std::string& line : log_.Lines()) {
-      if (line.starts_with(start)) lines.push_back(line);
-    }
+    Lines lines = log_.Lines();
+    std::erase_if(lines, [&](const std::string& line) { return !line.starts_with(start); });
     return lines;
   }
 
@@ -426,7 +421,6 @@ class ProxySessionTest : public ::testing::Test {
     LogStream.SetOptions(0);
     port_.SetIncomingPort(FWString(std::to_string(listener_.Port())));
   }
-  void TearDown() override { LogStream.SetOptions(0); }
 
   // Connects a client and lets a new session accept it, as the port does.
   std::unique_ptr<TestSession> Accept(int number) {
