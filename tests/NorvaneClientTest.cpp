@@ -73,8 +73,8 @@ class NorvaneClientTest : public ::testing::Test {
     client_ = std::make_unique<ChildProcess>(
         NORVANE_BINARY, args,
         ChildProcess::Setup{"",
-                            Path("out"),
-                            Path("err"),
+                            files_.File("out"),
+                            files_.File("err"),
                             terminal_ >= 0 ? ::ptsname(terminal_) : "",
                             {{"NORVANE_PASSWORD", password}, {"NO_COLOR", no_colour}}});
   }
@@ -107,9 +107,8 @@ class NorvaneClientTest : public ::testing::Test {
         seconds(15));
   }
 
-  std::string Path(const std::string& name) const { return files_.File(name); }
-  std::string Out() const { return ReadFile(Path("out")); }
-  std::string Err() const { return ReadFile(Path("err")); }
+  std::string Out() const { return ReadFile(files_.File("out")); }
+  std::string Err() const { return ReadFile(files_.File("err")); }
 
   Daemon daemon_;
   TempDir files_;
@@ -301,34 +300,11 @@ TEST_F(NorvaneClientTest, PatternFollowsEveryMatchWithLinesThatNeverInterleaveAn
   EXPECT_EQ(outcome.err, "norvane: " + Source() + "e.log: new file matching \"*.log\"\n");
 }
 
-// On a terminal control characters are shown escaped and source prefixes coloured.
-TEST_F(NorvaneClientTest, TerminalShowsControlCharactersEscapedAndPrefixesColoured) {
-  WriteFile(daemon_.Logs().File("a.log"), "\x1b]0;pwned\x07 title\n");
+// list, the codes of refusals and usage errors, and at the end one daemon's files on a terminal,
+// where control characters are shown escaped and source prefixes coloured.
+TEST_F(NorvaneClientTest, ListRefusalsAndUsageErrorsHaveTheirCodesAndATerminalGetsEscapes) {
   WriteFile(daemon_.Logs().File("b.log"), "\xc2\x9b tab\tbell\x07\n");
-  StartDaemon();
-  const std::string source = Source();
-  terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY);  // the client's standard output
-  ASSERT_GE(terminal_, 0);
-  ASSERT_EQ(::grantpt(terminal_) | ::unlockpt(terminal_) | ::fcntl(terminal_, F_SETFL, O_NONBLOCK),
-            0);
-  StartClient({"tail", "-q", "-n", "1", "-p", Port(), "a.log", "b.log"});
-  // The terminal turns "\n" into "\r\n".
-  EXPECT_TRUE(WaitForTerminal("\x1b[36m" + source + "a.log\x1b[0m: \\x1b]0;pwned\\x07 title\r\n"))
-      << terminal_out_;
-  EXPECT_TRUE(WaitForTerminal("\x1b[33m" + source + "b.log\x1b[0m: \\x9b tab\tbell\\x07\r\n"))
-      << terminal_out_;
-  client_->Signal(SIGINT);
-  EXPECT_EQ(WaitClient().code, 0);
-  terminal_out_.clear();
-  StartClient({"tail", "-q", "-n", "1", "--raw", "-p", Port(), "a.log", "b.log"}, "Kem01&*sB", "1");
-  EXPECT_TRUE(WaitForTerminal(source + "a.log: \x1b]0;pwned\x07 title\r\n")) << terminal_out_;
-  client_->Signal(SIGINT);
-  EXPECT_EQ(WaitClient().code, 0);
-}
-
-TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesAndRefusalsAndUsageErrorsHaveTheirCodes) {
-  WriteFile(daemon_.Logs().File("b.log"), "");
-  WriteFile(daemon_.Logs().File("a.log"), "x\n");
+  WriteFile(daemon_.Logs().File("a.log"), "\x1b]0;pwned\x07 title\n");
   std::filesystem::create_directory(daemon_.Logs().File("sub"));
   WriteFile(daemon_.Logs().File("sub/c.log"), "");
   StartDaemon();
@@ -360,7 +336,7 @@ TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesAndRefusalsAndUsageErrorsHave
          daemon + ": login refused: wrong password for user \"logwatcher\"\n");
   expect(4, "Kem01&*sB", {"list", "-p", p, "--user", "bob"},
          daemon + ": login refused: user \"bob\" unknown\n");
-  expect(5, "Kem01&*sB", {"tail", "-q", "-p", p, "missing.log"},
+  expect(5, "Kem01&*sB", {"tail", "-q", "-n", "0", "-p", p, "missing.log"},
          daemon +
              "/missing.log: file not offered by the daemon (-ERR invalid logfile name); "
              "`norvane list` shows the files it offers\n");
@@ -379,13 +355,25 @@ TEST_F(NorvaneClientTest, ListPrintsTheOfferedFilesAndRefusalsAndUsageErrorsHave
          "norvane: bad line count: 10001 (expected 0 to 10000)" + again);
   // The listed and the refused sessions were all ended with "quit".
   EXPECT_EQ(daemon_.Log().find("closed by client"), std::string::npos) << daemon_.Log();
+  const std::string nobody = std::to_string(FreePort());
+  expect(3, "Kem01&*sB", {"list", "-p", nobody},
+         "norvane: 127.0.0.1:" + nobody + ": cannot connect: Connection refused\n");
   outcome = RunClient({"--help"});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_NE(outcome.out.find("  6  the daemon stopped answering"), std::string::npos);
   EXPECT_EQ(RunClient({"--version"}).out, "norvane " + FWProduct::GetVersion() + "\n");
 
-  EXPECT_EQ(daemon_.Stop(SIGTERM), 0);
-  outcome = RunClient({"list", "-p", Port()});
-  EXPECT_EQ(outcome.code, 3);
-  EXPECT_EQ(outcome.err, daemon + ": cannot connect: Connection refused\n");
+  const std::string source = Source();
+  terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY);  // the client's standard output
+  ASSERT_GE(terminal_, 0);
+  ASSERT_EQ(::grantpt(terminal_) | ::unlockpt(terminal_) | ::fcntl(terminal_, F_SETFL, O_NONBLOCK),
+            0);
+  StartClient({"tail", "-q", "-n", "1", "-p", p, "a.log", "b.log"});
+  // The terminal turns "\n" into "\r\n".
+  EXPECT_TRUE(WaitForTerminal("\x1b[36m" + source + "a.log\x1b[0m: \\x1b]0;pwned\\x07 title\r\n"))
+      << terminal_out_;
+  EXPECT_TRUE(WaitForTerminal("\x1b[33m" + source + "b.log\x1b[0m: \\x9b tab\tbell\\x07\r\n"))
+      << terminal_out_;
+  StartClient({"tail", "-q", "-n", "1", "--raw", "-p", p, "a.log", "b.log"}, "Kem01&*sB", "1");
+  EXPECT_TRUE(WaitForTerminal(source + "a.log: \x1b]0;pwned\x07 title\r\n")) << terminal_out_;
 }
