@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FWLogStream.h"
 #include "TestUtil.h"
 
 namespace {
