@@ -191,6 +191,7 @@ void LogFeeds::RemoveWatch(int& watch, const LogFeed& feed) {
 }
 
 void LogFeeds::ReadEvents() {
+  if (events_ < 0) return;
   alignas(inotify_event) char buffer[16 * 1024];
   for (;;) {
     const ssize_t length = ::read(events_, buffer, sizeof(buffer));
@@ -237,9 +238,9 @@ void LogFeeds::PollDue(bool new_second) {
   for (auto& entry : feeds_) {
     LogFeed& feed = *entry.second;
     const bool event = round && feed.due_;
-    // The second's poll is for files whose events do not come: one read at an event within the
-    // last second has shown that they do.
-    const bool fallback = new_second && now - feed.last_poll_ >= kFallbackMs;
+    // The second's poll is for files whose events do not come: an event that waits for its round,
+    // or one read at an event within the last second, has shown that they do.
+    const bool fallback = new_second && !feed.due_ && now - feed.last_poll_ >= kFallbackMs;
     if (!fallback && !event && !feed.WantsMore()) continue;
     const bool check_path = fallback || feed.path_changed_ || events_ < 0;
     if (event) feed.due_ = feed.path_changed_ = false;
@@ -248,7 +249,10 @@ void LogFeeds::PollDue(bool new_second) {
     if (event) polled += std::max(delivered, 1);
     Watch(feed);
   }
-  if (polled > 0) next_round_ = NowMs() + std::clamp(polled, kMinRoundGap, kMaxRoundGap);
+  if (polled > 0) {
+    const long long gap = kMaxRoundGap * polled * polled / (kSessionsAtMaxGap * kSessionsAtMaxGap);
+    next_round_ = NowMs() + std::clamp(gap, kMinRoundGap, kMaxRoundGap);
+  }
 }
 
 bool LogFeeds::IsBusy() const {

@@ -121,21 +121,24 @@ class LogFeeds final {
   int GetWaitBound() const;
   // Reads the waiting events and marks the feeds they concern as due.
   void ReadEvents();
-  // Polls every feed that wants more and, on a new second, every feed not read within the last
-  // second. Feeds with events are polled in rounds: a round that sent frames to N sessions (a
-  // feed without followers counts as one) is followed by the next no sooner than kMinRoundGap or
-  // N ms later, whichever is longer (at most kMaxRoundGap). A write to a quiet file is read
-  // within a millisecond of its event; a file written all the time is read for several writes at
-  // once, and so are many busy files or a file that many sessions follow, so that the daemon's
-  // cost per byte stays near that of compressing and enciphering it.
+  // Polls every feed that wants more and, on a new second, every feed that neither had an event
+  // waiting nor was read within the last second. Feeds with events are polled in rounds: a round
+  // that sent frames to N sessions (a feed without followers counts as one) is followed by the
+  // next after kMaxRoundGap * (N / kSessionsAtMaxGap)^2 ms, at least kMinRoundGap: up to about 28
+  // sessions every 20 ms, 100 every quarter of a second, 200 and more once a second, the pace of
+  // the second's poll. A write to a quiet file is read within a millisecond of its event, and a
+  // few clients see every write within a round; each frame costs a read, a compression and a
+  // send whatever it carries, so with many busy sessions the rounds carry up to a second of
+  // writes, and the daemon's cost per byte stays near that of compressing and enciphering it.
   void PollDue(bool new_second);
   // A feed wants more: the pass must not wait.
   bool IsBusy() const;
 
-  static constexpr int kMinRoundGap = 20;
+  static constexpr long long kMinRoundGap = 20;
+  static constexpr long long kMaxRoundGap = 1000;
+  static constexpr long long kSessionsAtMaxGap = 200;
   // A feed not read for this long is read at the next second, events or not.
   static constexpr long long kFallbackMs = 1000;
-  static constexpr int kMaxRoundGap = 250;
   std::size_t size() const { return feeds_.size(); }
 
  private:

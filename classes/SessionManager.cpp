@@ -489,13 +489,15 @@ void SessionManager::ServeSessions(const PassSets& sets, int& ready, bool new_se
 // Files with news (an event, or more to read) are read now; on a new second every followed file.
 void SessionManager::PollFeeds(const PassSets& sets, bool new_second) {
   if (!log_feeds_) return;
-  if (sets.IsReadable(log_feeds_->GetEventDescriptor())) log_feeds_->ReadEvents();
+  // On a new second the events held back for the next round are read too: the second's poll is
+  // only for files that had none.
+  if (new_second || sets.IsReadable(log_feeds_->GetEventDescriptor())) log_feeds_->ReadEvents();
   try {
     log_feeds_->PollDue(new_second);
   } catch (const FWException& e) {
     LogStream.Log(e.GetText());
   }
-  // What the second's reads and frames left free goes back to the system.
+  // Much memory left free by the second's reads and frames goes back to the system.
   if (new_second) FWHeap::GiveBack();
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -251,6 +252,30 @@ TEST_F(LogTailTest, FeedFollowersTakeSharedDataOnlyInStepAndCatchUpAloneWhenHeld
   EXPECT_EQ(a.delivered, "x\r\ny\r\nz\r\nw\r\nv\r\n");
   for (TestFollower* follower : {&a, &b, &c}) feed.Leave(follower);
   EXPECT_TRUE(feed.IsEmpty());
+}
+
+// Events are taken in rounds; the wait after a round grows with the sessions it served: a few
+// clients see each write at once, many busy ones get a second's writes per read.
+TEST_F(LogTailTest, RoundsOfEventsWaitLongerTheMoreSessionsTheyServed) {
+  testutil::WriteFile(path_, "");
+  const std::vector<std::pair<int, int>> wait_after{
+      {1, 20}, {28, 20}, {100, 250}, {200, 1000}, {400, 1000}};  // sessions -> ms
+  for (const auto& [sessions, wait] : wait_after) {
+    LogFeeds feeds;
+    std::vector<TestFollower> followers(static_cast<std::size_t>(sessions));
+    LogFeed* feed = nullptr;
+    for (TestFollower& follower : followers) feed = feeds.Join(temp_.Path(), "app.log", &follower);
+    ASSERT_NE(feed, nullptr);
+    EXPECT_EQ(feeds.GetWaitBound(), -1);
+    Append("line\n");
+    feeds.ReadEvents();
+    feeds.PollDue(false);
+    const int bound = feeds.GetWaitBound();
+    EXPECT_LE(bound, wait) << sessions;
+    EXPECT_GT(bound, wait - 150) << sessions;  // 150 ms for a busy machine
+    EXPECT_EQ(followers.front().delivered + followers.back().delivered, "line\r\nline\r\n");
+    for (TestFollower& follower : followers) feeds.Leave(feed, &follower);
+  }
 }
 
 }  // namespace
