@@ -69,8 +69,12 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-// utime + stime of a live process in seconds; -1 when it cannot be read.
+// The CPU time of a live process in seconds; -1 when it cannot be read. The kernel's run time of
+// the process in nanoseconds (schedstat) where it keeps one, else utime + stime in clock ticks,
+// which are too coarse for the fraction of a second that some cases cost.
 double CpuSeconds(pid_t pid) {
+  std::istringstream schedstat(ReadFile("/proc/" + std::to_string(pid) + "/schedstat"));
+  if (unsigned long long run_ns = 0; schedstat >> run_ns) return static_cast<double>(run_ns) * 1e-9;
   const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   const std::size_t paren = stat.rfind(')');
   if (paren == std::string::npos) return -1;
@@ -191,6 +195,29 @@ double LimitCpuPerGB(const std::string& text, std::size_t total) {
                      static_cast<double>(end.tv_nsec - start.tv_nsec) * 1e-9;
   return cpu / (static_cast<double>(done) / 1e9);
 }
+
+// The limit measured right before a case and right after it: the machine's speed drifts (other
+// guests, clock changes), and a ratio is only as good as the two figures are from the same time.
+class Limit {
+ public:
+  Limit(const std::string& text, double mb)
+      : text_(text), bytes_(static_cast<std::size_t>(mb * 1e6)) {}
+  void Before() { before_ = LimitCpuPerGB(text_, bytes_); }
+  // The mean of the two measurements, in CPU seconds per GB.
+  double After() const {
+    const double after = LimitCpuPerGB(text_, bytes_);
+    std::printf(
+        "==> zlib level 1 + Blowfish over 1 MiB chunks, in-process: %.2f CPU s per GB "
+        "before the case, %.2f after\n",
+        before_, after);
+    return (before_ + after) / 2;
+  }
+
+ private:
+  const std::string& text_;
+  const std::size_t bytes_;
+  double before_ = 0;
+};
 
 struct Settings {
   std::string norvaned = NORVANED_BINARY;
@@ -607,12 +634,12 @@ void Note(const std::string& text) {
 }
 
 // a and e: one client follows one file written as fast as possible, at most 32 MiB ahead of it.
-void CaseOneClient(const Settings& s, const std::string& pool, double limit_per_gb, bool a,
-                   bool e) {
+void CaseOneClient(const Settings& s, const std::string& pool, Limit& limit, bool a, bool e) {
   Note("a/e: one client, one file written as fast as possible (" + Fixed(s.a_mb, 0) + " MB or " +
        Fixed(s.a_seconds, 0) + " s)");
   Run run(s, pool, 1, false);
   run.AddClients(1, 1);
+  if (a) limit.Before();
   const double daemon0 = CpuSeconds(run.Daemon()), client0 = run.ClientCpu(), start = Now();
   const auto volume = static_cast<unsigned long long>(s.a_mb * 1e6);
   while (run.Written() < volume && Now() - start < s.a_seconds) {
@@ -628,6 +655,7 @@ void CaseOneClient(const Settings& s, const std::string& pool, double limit_per_
   const double gb = static_cast<double>(run.Written()) / 1e9;
   run.Finish("a");
   if (a) {
+    const double limit_per_gb = limit.After();
     rows.push_back({"a", "delivered MB/s (" + Fixed(gb * 1e3, 0) + " MB)",
                     Fixed(gb * 1e3 / (end - start), 1), ">= 50"});
     rows.push_back({"a",
@@ -682,19 +710,21 @@ void CaseManyClients(const Settings& s, const std::string& pool, bool b, bool d)
 }
 
 // c: many files at a low rate each, followed by clients of several files each.
-void CaseManyFiles(const Settings& s, const std::string& pool, double limit_per_gb) {
+void CaseManyFiles(const Settings& s, const std::string& pool, Limit& limit) {
   const int clients = (s.c_files + s.c_per_client - 1) / s.c_per_client;
   Note("c: " + std::to_string(s.c_files) + " files at " + Fixed(s.c_rate / 1e3, 0) +
        " KB/s each for " + Fixed(s.seconds, 0) + " s, " + std::to_string(clients) +
        " client(s) of " + std::to_string(s.c_per_client) + " files");
   Run run(s, pool, s.c_files, false);
   run.AddClients(clients, s.c_per_client);
+  limit.Before();
   const double daemon0 = CpuSeconds(run.Daemon());
   run.WritePaced(s.c_rate, s.seconds);
   run.Drain();
   const double daemon = CpuSeconds(run.Daemon()) - daemon0;
   const double gb = static_cast<double>(run.Written()) / 1e9;
   run.Finish("c");
+  const double limit_per_gb = limit.After();
   rows.push_back({"c",
                   "daemon CPU " + Fixed(daemon, 2) + " s for " + Fixed(gb * 1e3, 1) +
                       " MB / zlib1+Blowfish on those bytes",
@@ -841,12 +871,7 @@ int main(int argc, char** argv) {
   const std::string machine = Machine(), load_before = Load();
   Note("machine: " + machine + "; load average " + load_before);
   const std::string pool = LogText(8 << 20);
-  double limit = 0;
-  if (wants('a') || wants('c')) {
-    limit = LimitCpuPerGB(pool, static_cast<std::size_t>(s.limit_mb * 1e6));
-    Note("zlib level 1 + Blowfish over 1 MiB chunks, in-process: " + Fixed(limit, 2) +
-         " CPU s per GB (" + Fixed(1e3 / limit, 0) + " MB/s)");
-  }
+  Limit limit(pool, s.limit_mb);
   int status = 0;
   const auto attempt = [&](bool wanted, const std::string& id, auto&& run_case) {
     if (!wanted || status == 130) return;
@@ -876,9 +901,13 @@ int main(int argc, char** argv) {
     std::printf("%-4s %-72s %-24s %s\n", row.id.c_str(), row.figure.c_str(), row.value.c_str(),
                 row.target.c_str());
   }
-  std::printf(
-      "CPU: utime + stime from /proc/<pid>/stat in ticks of %.0f ms; short runs are coarse.\n",
-      1e3 / static_cast<double>(sysconf(_SC_CLK_TCK)));
+  if (std::ifstream("/proc/self/schedstat").good()) {
+    std::printf("CPU: run time from /proc/<pid>/schedstat, in nanoseconds.\n");
+  } else {
+    std::printf(
+        "CPU: utime + stime from /proc/<pid>/stat in ticks of %.0f ms; short runs are coarse.\n",
+        1e3 / static_cast<double>(sysconf(_SC_CLK_TCK)));
+  }
   std::printf("%s\n", status == 0 ? "Every delivered byte checked: count and CRC-32 match."
                                   : "FAILURES above: the figures of failed cases are missing.");
   return status;
