@@ -115,7 +115,7 @@ std::vector<FWSharedBytes> LogFeed::Frame(const FWFeedCodec& codec, const std::s
   std::ostringstream head;
   head << "+FEED " << at.dev << ' ' << at.ino << ' ' << at.offset << (note.empty() ? "" : " ")
        << note << "\r\n";
-  frames.emplace_back(codec.Frame(head.str() + data));
+  frames.emplace_back(codec.Frame(head.str(), data));
   return frames;
 }
 

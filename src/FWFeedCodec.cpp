@@ -76,38 +76,51 @@ class DeflateStream {
     return stream;
   }
 
-  // Appends all of input to out as one complete zlib stream: the compressed data, a sync flush
-  // point, then the final block.
-  void Compress(std::string_view input, std::string& out);
+  // Appends first and then second to out as one complete zlib stream: the compressed data, a
+  // sync flush point, then the final block (the bytes of one input made of both). out grows by
+  // exactly the stream, plus room for the cipher's padding: frames wait in send queues, and room
+  // that zlib's bound asked for would triple their memory.
+  void Compress(std::string_view first, std::string_view second, std::string& out);
 
  private:
+  // One deflate call into the scratch from out_pos on; Z_OK or Z_STREAM_END.
+  int Deflate(int flush, std::size_t& out_pos);
+
   z_stream z_{};
+  // zlib writes here first; its size only grows, so it is neither cleared nor allocated again.
+  std::string scratch_;
 };
 
-void DeflateStream::Compress(std::string_view input, std::string& out) {
+void DeflateStream::Compress(std::string_view first, std::string_view second, std::string& out) {
   const int reset = deflateReset(&z_);
   if (reset != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflateInit: ", reset);
   z_.avail_in = 0;  // a message that failed may have left input behind
-  std::size_t in_pos = 0;
-  std::size_t out_pos = out.size();
+  std::size_t out_pos = 0;
   // Room for the whole stream in most cases: the bound plus the sync flush marker.
-  out.resize(out_pos + deflateBound(&z_, input.size()) + 16);
-  int flush = Z_NO_FLUSH;
-  for (;;) {
-    if (flush != Z_FINISH) {
-      const bool more_pieces = FeedInput(z_, input, in_pos) && in_pos < input.size();
-      flush = more_pieces ? Z_NO_FLUSH : Z_SYNC_FLUSH;
-    }
-    const std::size_t room =
-        ProvideOutput(z_, out, out_pos, std::numeric_limits<std::size_t>::max());
-    const int result = deflate(&z_, flush);
-    out_pos += room - z_.avail_out;
-    if (result == Z_STREAM_END) break;
-    if (result != Z_OK) ThrowZlib(__LINE__, kDeflateOperation, "deflate: ", result);
-    // A sync flush is complete when it returns with output room to spare.
-    if (flush == Z_SYNC_FLUSH && z_.avail_in == 0 && z_.avail_out != 0) flush = Z_FINISH;
+  const std::size_t room = deflateBound(&z_, first.size() + second.size()) + 16;
+  if (scratch_.size() < room) scratch_.resize(room);
+  for (const std::string_view input : {first, second}) {
+    for (std::size_t in_pos = 0; FeedInput(z_, input, in_pos);) Deflate(Z_NO_FLUSH, out_pos);
   }
-  out.resize(out_pos);
+  // A sync flush is complete when it returns with output room to spare.
+  do {
+    Deflate(Z_SYNC_FLUSH, out_pos);
+  } while (z_.avail_out == 0);
+  while (Deflate(Z_FINISH, out_pos) != Z_STREAM_END) {
+  }
+  out.reserve(out.size() + out_pos + 8);
+  out.append(scratch_.data(), out_pos);
+}
+
+int DeflateStream::Deflate(int flush, std::size_t& out_pos) {
+  const std::size_t given =
+      ProvideOutput(z_, scratch_, out_pos, std::numeric_limits<std::size_t>::max());
+  const int result = deflate(&z_, flush);
+  out_pos += given - z_.avail_out;
+  if (result != Z_OK && result != Z_STREAM_END) {
+    ThrowZlib(__LINE__, kDeflateOperation, "deflate: ", result);
+  }
+  return result;
 }
 
 // Owns an inflate stream that is reset for every message, like DeflateStream.
@@ -159,9 +172,12 @@ bool InflateStream::Decompress(std::string_view input, std::size_t max_output, s
   return true;
 }
 
-// Appends one complete zlib stream for non-empty input to out; nothing for empty input.
-void AppendCompressed(std::string_view input, std::string& out) {
-  if (!input.empty()) DeflateStream::OfThisThread().Compress(input, out);
+// Appends one complete zlib stream for the non-empty input first + second to out; nothing for
+// empty input.
+void AppendCompressed(std::string_view first, std::string_view second, std::string& out) {
+  if (!first.empty() || !second.empty()) {
+    DeflateStream::OfThisThread().Compress(first, second, out);
+  }
 }
 
 std::uint32_t ReadBigEndian(const char* p) {
@@ -184,9 +200,9 @@ FWFeedCodec::FWFeedCodec(std::size_t frame_limit, std::size_t message_limit)
     : cipher_(FeedCipher()), frame_limit_(frame_limit), message_limit_(message_limit) {}
 
 // The message is compressed straight behind the header and enciphered in place: one buffer.
-std::string FWFeedCodec::Frame(const std::string& message) const {
+std::string FWFeedCodec::Frame(std::string_view message, std::string_view more) const {
   std::string frame(kHeaderSize, '\0');
-  AppendCompressed(message, frame);
+  AppendCompressed(message, more, frame);
   const std::size_t body_size = frame.size() - kHeaderSize;
   if (body_size > std::numeric_limits<std::uint32_t>::max()) {
     throw FWESizeExceeded(kSource, __LINE__, std::string("frame over 4294967295 bytes"));
@@ -252,7 +268,7 @@ void FWFeedCodec::Compact() {
 
 void FWFeedCodec::Deflate(std::string& data) {
   std::string compressed;
-  AppendCompressed(data, compressed);
+  AppendCompressed(data, {}, compressed);
   data = std::move(compressed);
 }
 

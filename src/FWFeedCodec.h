@@ -54,8 +54,9 @@ class FWFeedCodec {
   // largest inflated message.
   FWFeedCodec(std::size_t frame_limit, std::size_t message_limit);
 
-  // The whole frame for a message. Throws FWEOperationFailed on a zlib failure.
-  std::string Frame(const std::string& message) const;
+  // The whole frame for a message; with `more`, for the message message + more, without joining
+  // them first. Throws FWEOperationFailed on a zlib failure.
+  std::string Frame(std::string_view message, std::string_view more = {}) const;
 
   // Buffers received bytes. Ignored after a failure result, until Clear().
   void Append(std::string_view bytes);
