@@ -229,6 +229,7 @@ struct Settings {
   double b_rate = 1, seconds = 10;  // MB/s (bytes/s once parsed) of b's file; length of b and c
   int c_files = 200, c_per_client = 20;
   double c_rate = 10;                  // KB/s (bytes/s once parsed) into each file
+  double c_runs = 3;                   // runs of case c; the median is its figure
   double f_rate = 20, f_seconds = 10;  // lines/s
   double drain = 120;                  // the longest wait for clients to catch up
   double limit_mb = 256;               // volume of the in-process zlib + Blowfish limit
@@ -709,26 +710,42 @@ void CaseManyClients(const Settings& s, const std::string& pool, bool b, bool d)
   }
 }
 
-// c: many files at a low rate each, followed by clients of several files each.
+// c: many files at a low rate each, followed by clients of several files each. A cost this small
+// (a quarter of a CPU second) moves with the machine's other guests, so the case runs several
+// times and its figure is the median run.
 void CaseManyFiles(const Settings& s, const std::string& pool, Limit& limit) {
   const int clients = (s.c_files + s.c_per_client - 1) / s.c_per_client;
-  Note("c: " + std::to_string(s.c_files) + " files at " + Fixed(s.c_rate / 1e3, 0) +
-       " KB/s each for " + Fixed(s.seconds, 0) + " s, " + std::to_string(clients) +
-       " client(s) of " + std::to_string(s.c_per_client) + " files");
-  Run run(s, pool, s.c_files, false);
-  run.AddClients(clients, s.c_per_client);
-  limit.Before();
-  const double daemon0 = CpuSeconds(run.Daemon());
-  run.WritePaced(s.c_rate, s.seconds);
-  run.Drain();
-  const double daemon = CpuSeconds(run.Daemon()) - daemon0;
-  const double gb = static_cast<double>(run.Written()) / 1e9;
-  run.Finish("c");
-  const double limit_per_gb = limit.After();
+  struct Result {
+    double ratio, daemon, mb;
+  };
+  std::vector<Result> results;
+  for (int i = 0; i < static_cast<int>(s.c_runs); ++i) {
+    Note("c: " + std::to_string(s.c_files) + " files at " + Fixed(s.c_rate / 1e3, 0) +
+         " KB/s each for " + Fixed(s.seconds, 0) + " s, " + std::to_string(clients) +
+         " client(s) of " + std::to_string(s.c_per_client) + " files (run " +
+         std::to_string(i + 1) + " of " + Fixed(s.c_runs, 0) + ")");
+    Run run(s, pool, s.c_files, false);
+    run.AddClients(clients, s.c_per_client);
+    limit.Before();
+    const double daemon0 = CpuSeconds(run.Daemon());
+    run.WritePaced(s.c_rate, s.seconds);
+    run.Drain();
+    const double daemon = CpuSeconds(run.Daemon()) - daemon0;
+    const double gb = static_cast<double>(run.Written()) / 1e9;
+    run.Finish("c");
+    const double ratio = daemon / (gb * limit.After());
+    Note("c: daemon CPU " + Fixed(daemon, 3) + " s, " + Fixed(ratio, 2, "x") + " the limit");
+    results.push_back({ratio, daemon, gb * 1e3});
+  }
+  std::sort(results.begin(), results.end(),
+            [](const Result& x, const Result& y) { return x.ratio < y.ratio; });
+  const Result& median = results[results.size() / 2];
   rows.push_back({"c",
-                  "daemon CPU " + Fixed(daemon, 2) + " s for " + Fixed(gb * 1e3, 1) +
-                      " MB / zlib1+Blowfish on those bytes",
-                  Fixed(daemon / (gb * limit_per_gb), 2, "x"), "<= 1.5x"});
+                  "daemon CPU " + Fixed(median.daemon, 2) + " s for " + Fixed(median.mb, 1) +
+                      " MB / zlib1+Blowfish on those bytes (median of " +
+                      std::to_string(results.size()) + ", " + Fixed(results.front().ratio, 2) +
+                      "-" + Fixed(results.back().ratio, 2, "x)"),
+                  Fixed(median.ratio, 2, "x"), "<= 1.5x"});
 }
 
 // f: one client, stamped lines at a low rate; the time from write() to the client's print.
@@ -768,6 +785,7 @@ f write-to-print latency.
   --clients N,N,...      client counts of case b (1,10,100; the last one is case d's)
   --b-rate MB/S          rate of the busy file (1)          --seconds S    length of b and c (10)
   --files N              files of case c (200)              --c-rate KB/S  rate of each (10)
+  --c-runs N             runs of case c, the median is its figure (3)
   --files-per-client N   files each client of case c follows (20)
   --f-rate N             stamped lines per second (20)      --f-seconds S  length of f (10)
   --drain S              longest wait for the clients to catch up (120)
@@ -790,12 +808,13 @@ void Parse(int argc, char** argv, Settings* s) {
   std::map<std::string, double*> numbers{
       {"--a-mb", &s->a_mb},           {"--a-seconds", &s->a_seconds}, {"--b-rate", &s->b_rate},
       {"--seconds", &s->seconds},     {"--c-rate", &s->c_rate},       {"--f-rate", &s->f_rate},
-      {"--f-seconds", &s->f_seconds}, {"--drain", &s->drain},         {"--limit-mb", &s->limit_mb}};
+      {"--f-seconds", &s->f_seconds}, {"--drain", &s->drain},         {"--limit-mb", &s->limit_mb},
+      {"--c-runs", &s->c_runs}};
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--quick") {
       s->a_mb = 20, s->a_seconds = 15, s->seconds = 4, s->f_seconds = 4;
-      s->drain = 40, s->limit_mb = 32;
+      s->drain = 40, s->limit_mb = 32, s->c_runs = 1;
       continue;
     }
     if (arg == "--keep") {
