@@ -4,6 +4,8 @@
 // rows of one run with each other, not with another machine's.
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 #include <openssl/blowfish.h>
@@ -76,6 +78,23 @@ void BM_LibdeflateBlowfish(benchmark::State& state) {
 BENCHMARK(BM_LibdeflateBlowfish)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
 #endif
 
+// The daemon's frames when it follows many files: each frame from another of 200 texts, in turn,
+// as a round reads 200 busy files (compare with BM_ZlibBlowfishLimit/1048576).
+void BM_FramesOfManyFiles(benchmark::State& state) {
+  const auto size = static_cast<std::size_t>(state.range(0));
+  const std::string pool = LogText(8 << 20);
+  const FWFeedCodec codec(FWFeedCodec::kServerFrameLimit, FWFeedCodec::kServerMessageLimit);
+  std::vector<std::size_t> at(200);
+  for (std::size_t i = 0; i < at.size(); ++i) at[i] = i * 7919 * 97 % (pool.size() - size);
+  std::size_t file = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(codec.Frame(std::string_view(pool).substr(at[file], size)));
+    at[file] = (at[file] + size) % (pool.size() - size);
+    file = (file + 1) % at.size();
+  }
+  SetBytes(state, size);
+}
+
 // The client's side: reassemble, decipher and inflate frames of the given size.
 void BM_Decode(benchmark::State& state) {
   const std::string text = LogTextOf(static_cast<std::size_t>(state.range(0)));
@@ -139,6 +158,7 @@ void BM_BlowfishOpenSSL(benchmark::State& state) {
 
 BENCHMARK(BM_Frame)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
 BENCHMARK(BM_ZlibBlowfishLimit)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
+BENCHMARK(BM_FramesOfManyFiles)->Arg(10 << 10)->Arg(40 << 10);
 BENCHMARK(BM_Decode)->RangeMultiplier(4)->Range(1 << 10, 4 << 20);
 BENCHMARK(BM_ToDos)->Arg(1 << 20);
 BENCHMARK(BM_Convert2Unix)->Arg(1 << 20);
