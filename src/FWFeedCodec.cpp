@@ -87,8 +87,10 @@ class DeflateStream {
   int Deflate(int flush, std::size_t& out_pos);
 
   z_stream z_{};
-  // zlib writes here first; its size only grows, so it is neither cleared nor allocated again.
+  // zlib writes here first. Its size only grows, so it is neither cleared nor allocated again,
+  // unless a large message made it larger than kKeptScratch.
   std::string scratch_;
+  static constexpr std::size_t kKeptScratch = 1 << 20;
 };
 
 void DeflateStream::Compress(std::string_view first, std::string_view second, std::string& out) {
@@ -110,6 +112,7 @@ void DeflateStream::Compress(std::string_view first, std::string_view second, st
   }
   out.reserve(out.size() + out_pos + 8);
   out.append(scratch_.data(), out_pos);
+  if (scratch_.size() > kKeptScratch) std::string().swap(scratch_);
 }
 
 int DeflateStream::Deflate(int flush, std::size_t& out_pos) {
