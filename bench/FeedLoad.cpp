@@ -847,6 +847,7 @@ void Parse(int argc, char** argv, Settings* s) {
     }
   }
   if (s->c_files < 1 || s->c_per_client < 1) throw std::invalid_argument("--files must be >= 1");
+  if (s->c_runs < 1) throw std::invalid_argument("--c-runs must be >= 1");
   s->b_rate *= 1e6, s->c_rate *= 1e3;
 }
 
