@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <sstream>
 #include <utility>
 
 #include "FWFile.h"
@@ -83,7 +82,7 @@ int LogFeed::Poll(bool check_path) {
     if (data.empty()) continue;
     const bool positions = follower->WantsPositions();
     std::vector<FWSharedBytes>& frames = positions ? positioned : replies;
-    if (frames.empty()) frames = Frame(codec_, data, tail_.GetPosition(), positions);
+    if (frames.empty()) frames = feed::FrameData(codec_, data, tail_.GetPosition(), positions);
     follower->Deliver(frames);
     ++delivered;
   }
@@ -100,23 +99,6 @@ bool LogFeed::WantsMore() const {
   return std::any_of(followers_.begin(), followers_.end(), [](Follower* follower) {
     return follower->GetOwnTail() == nullptr && !follower->IsHeldBack();
   });
-}
-
-std::vector<FWSharedBytes> LogFeed::Frame(const FWFeedCodec& codec, const std::string& data,
-                                          const LogTail::Position& at, bool positions,
-                                          const std::string& note) {
-  std::vector<FWSharedBytes> frames;
-  if (!positions) {
-    for (const std::string& reply : LogTail::SplitReplies(data, LogTail::kMaxReplyBytes)) {
-      frames.emplace_back(codec.Frame(reply));
-    }
-    return frames;
-  }
-  std::ostringstream head;
-  head << "+FEED " << at.dev << ' ' << at.ino << ' ' << at.offset << (note.empty() ? "" : " ")
-       << note << "\r\n";
-  frames.emplace_back(codec.Frame(head.str(), data));
-  return frames;
 }
 
 // ---- Every feed, and the watches ----

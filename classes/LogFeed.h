@@ -71,13 +71,6 @@ class LogFeed final {
   const LogTail& GetTail() const { return tail_; }
   const std::string& GetPath() const { return tail_.GetPath(); }
 
-  // The frames of one poll's data read up to `at`: replies of at most LogTail::kMaxReplyBytes
-  // each, or, with positions, one message behind its position line ("+FEED DEV INO OFFSET",
-  // then " " and the note when there is one).
-  static std::vector<FWSharedBytes> Frame(const FWFeedCodec& codec, const std::string& data,
-                                          const LogTail::Position& at, bool positions,
-                                          const std::string& note = "");
-
  private:
   friend class LogFeeds;
 

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cassert>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -139,12 +138,12 @@ void LogTail::Stop() {
 // whole lines are returned.
 off_t LogTail::BacklogStart(std::size_t lines) {
   const off_t end = offset_;
-  lines = std::min(lines, kMaxBacklogLines);
+  lines = std::min(lines, feed::kMaxBacklogLines);
   if (lines == 0 || end == 0) return end;
-  const off_t begin = end - std::min<off_t>(end, static_cast<off_t>(kMaxBacklogBytes));
+  const off_t begin = end - std::min<off_t>(end, static_cast<off_t>(feed::kMaxBacklogBytes));
   std::string window;
   offset_ = begin;
-  ReadUpTo(end, kMaxBacklogBytes, window);
+  ReadUpTo(end, feed::kMaxBacklogBytes, window);
   offset_ = end;
   std::size_t pos = window.size();
   if (pos > 0 && window[pos - 1] == '\n') --pos;
@@ -305,13 +304,6 @@ std::string LogTail::ToDos(std::string_view raw, bool* after_cr) {
   }
   if (!raw.empty()) *after_cr = raw.back() == '\r';
   return text;
-}
-
-std::vector<std::string> LogTail::SplitReplies(const std::string& data, std::size_t max) {
-  assert(max > 0 && "a reply holds at least one byte");
-  std::vector<std::string> replies;
-  for (std::size_t pos = 0; pos < data.size(); pos += max) replies.push_back(data.substr(pos, max));
-  return replies;
 }
 
 void LogTail::Log(const std::string& text) const { LogStream.Log(text, log_prefix_); }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FWDescriptor.h"
+#include "FeedProtocol.h"
 
 // Every byte of the file is returned exactly once, in order. The file stays open between polls;
 // each poll stat's the path to notice rotation:
@@ -28,21 +29,10 @@ class LogTail final {
  public:
   // At most this many file bytes are read per poll; the rest follows at the next polls.
   static constexpr std::size_t kMaxPollBytes = 4u << 20;
-  // The session sends one poll's data as replies of at most this many bytes each...
-  static constexpr std::size_t kMaxReplyBytes = 1u << 20;
-  // ...and skips the poll while more than this many bytes still wait to go to its client.
-  static constexpr std::size_t kMaxPendingBytes = 8u << 20;
-  // A backlog reaches back at most this many lines and bytes from the end of the file.
-  static constexpr std::size_t kMaxBacklogLines = 10000;
-  static constexpr std::size_t kMaxBacklogBytes = 4u << 20;
 
   // Where a transmission stands: the file last read from (device and inode; both 0 before a file
   // was opened) and the offset of the next byte to be returned from it.
-  struct Position {
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t offset = 0;
-  };
+  using Position = feed::Position;
   // Everything that decides what the next polls of the same path return: two readers of one path
   // with equal steps return the same bytes from here on.
   struct Step {
@@ -54,8 +44,8 @@ class LogTail final {
     bool after_cr = false;
     bool operator==(const Step&) const = default;
   };
-  // How Resume found the file.
-  enum class Resumed { kContinued, kRotated, kTruncated, kGone };
+  // How Reposition found the file.
+  using Resumed = feed::Resumed;
 
   // log_prefix is the source of the log lines ("Session 3: ").
   explicit LogTail(std::string log_prefix);
@@ -89,7 +79,7 @@ class LogTail final {
   // open file through a descriptor of its own. Null when no descriptor is left.
   std::unique_ptr<LogTail> Clone(std::string log_prefix) const;
   // Right after Start: moves back to the first of the file's last `lines` whole lines (at most
-  // kMaxBacklogLines and kMaxBacklogBytes back), so that the next poll returns them.
+  // feed::kMaxBacklogLines and feed::kMaxBacklogBytes back), so that the next poll returns them.
   void Backlog(std::size_t lines);
   // Right after Start: continues at from.offset when the opened file is the one `from` describes
   // and is not shorter (kContinued). Otherwise the file is returned from its first byte: another
@@ -100,8 +90,6 @@ class LogTail final {
   // raw with every "\n" that does not follow a "\r" turned into "\r\n"; *after_cr says whether
   // the byte before raw was a "\r" and is updated to raw's last byte.
   static std::string ToDos(std::string_view raw, bool* after_cr);
-  // Cuts data into consecutive pieces of at most max bytes (max > 0); none for "".
-  static std::vector<std::string> SplitReplies(const std::string& data, std::size_t max);
 
  private:
   // Opens name beneath root without leaving it; -1 with error set on failure.

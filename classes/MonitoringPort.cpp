@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "FWFile.h"
 #include "FWPublishSubscribe.h"
@@ -69,8 +70,8 @@ void MonitoringPort::Validate(std::list<FWNotification>& notifications) const {
   if (password_.empty()) notifications.push_front(FWMValueRequired("Password"));
 }
 
-ProxySession* MonitoringPort::SessionCreate(int number) {
-  return new MonitoringSession(number, this);
+ProxySession* MonitoringPort::SessionCreate(int number, const SessionContext& context) {
+  return new MonitoringSession(number, this, context);
 }
 
 std::string MonitoringPort::GetStatusString() const { return ""; }
@@ -104,8 +105,8 @@ void MonitoringPort::Initialize() {
   monitoring_interval_ = FWVariable<int>(1);
   document_root_.Clear();
   search_pattern_ = FWString("*.log");
-  user_ = FWString("logwatcher");
+  user_ = FWString(feed::kDefaultUser);
   password_ = FWString(kDefaultPassword);
-  SetIncomingPort(FWString("9080"));
+  SetIncomingPort(FWString(std::to_string(feed::kDefaultPort)));
   SetName(FWString("Monitoring"));
 }

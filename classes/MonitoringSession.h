@@ -1,97 +1,68 @@
-// One connection of the log feed. In the server role (opened on a listening socket) it greets the
-// client, lets it log in with the port's User and Password, lists the log files found under the
-// port's DocumentRoot, and after "start" sends what is appended to the chosen file as it is
-// written (see LogFeed: the file is watched, and polled once a second). In the client role (opened
-// without a socket) it connects to the port's OutgoingServer:OutgoingPort, sends commands with
-// SendCommand and collects the data lines of the other end's feed. Every message in either
-// direction is one frame of the feed codec.
+// One connection of the log feed: a transport (the session's socket, its send queue and the frame
+// codec) carrying the feed protocol (FeedServer, FeedClient) and linked to the shared feed of the
+// file it follows. In the server role (opened on a listening socket) it greets the client and
+// hands each command line to the protocol, which answers and asks the session to list, open,
+// follow and stop files (see LogFeed: the file is watched, and polled once a second). In the
+// client role (opened without a socket) it connects to the port's OutgoingServer:OutgoingPort,
+// sends commands with SendCommand and collects the data lines of the other end's feed. Every
+// message in either direction is one frame of the feed codec.
 #ifndef NORVANE_CLASSES_MONITORINGSESSION_H_
 #define NORVANE_CLASSES_MONITORINGSESSION_H_
 
 #include <cstddef>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "FWFeedCodec.h"
+#include "FeedProtocol.h"
 #include "LogFeed.h"
 #include "LogTail.h"
 #include "ProxySession.h"
+#include "SessionContext.h"
 
-class LoginGuard;
 class MonitoringPort;
 
 // Main thread only (the session manager's loop); holds no lock.
 //
 // Input from a client is bounded: a frame longer than 1 MiB, a message inflating past 1 MiB, or
-// more than 64 KiB of command text without "\r\n" is logged ("frame too large", "message too
-// large", "line too long") and ends the session, as does a frame without its sync marker ("lost
-// sync reading from server"). A zlib failure throws FWEOperationFailed out of QueueOutgoing /
-// QueueIncoming; the loop then ends the session.
+// more than feed::kLineLimit of command text without "\r\n" is logged ("frame too large",
+// "message too large", "line too long") and ends the session, as does a frame without its sync
+// marker ("lost sync reading from server"). A zlib failure throws FWEOperationFailed out of
+// QueueOutgoing / QueueIncoming; the loop then ends the session. Before login the protocol's
+// smaller bounds apply (feed::kPreLoginFrameLimit, ...).
 //
-// Extensions (commands a client of the original protocol never sends, so it sees no change):
-//   backlog N NAME               follow NAME after sending its last N lines (N <= 10000, at most
-//                                4 MiB of them)
-//   resume DEV INO OFFSET NAME   follow NAME from OFFSET when it is still that file (device and
-//                                inode) and not shorter; otherwise from what exists
-// Both answer as "start" does ("+OK start transmitting PATH\r\n", "-ERR invalid logfile
-// name\r\n"; "-ERR bad arguments\r\n" for malformed numbers). After an accepted one, each poll's
-// data is one message (not cut into 1 MiB replies) that begins with a position line,
-// "+FEED DEV INO OFFSET\r\n", giving the file and the offset of the next byte after the data.
-// The first such message follows the reply at once (with the backlog, if any); after resume its
-// line ends in " continued", " rotated", " truncated" or " gone".
-//
-// Back-pressure: while more than LogTail::kMaxPendingBytes (8 MiB) of replies wait to be sent to
-// the client, the session neither polls its log file nor reads or handles further commands; both
-// resume once the client has read enough (commands already received are taken up again by
-// CheckActive).
-//
-// Before login a client gets less: frames and messages of at most kPreLoginFrameLimit bytes,
-// kPreLoginPendingBytes of unsent replies, kInvalidCommandLimit invalid commands answered (then
-// the session ends), kLoginTimeoutSeconds to log in, and kPasswordFailureLimit wrong passwords.
-// A port with the built-in default password admits logins from loopback only. The log files are
-// collected at the first "list" or "start" after login. Failed logins, refused names, "start",
-// "stop" and the end of the session are logged with the client's address (never a password).
-class MonitoringSession final : public ProxySession {
+// Back-pressure: while more than the protocol's pending limit of replies wait to be sent to the
+// client (feed::kMaxPendingBytes after login), the session neither polls its log file nor reads
+// or handles further commands; both resume once the client has read enough (commands already
+// received are taken up again by CheckActive).
+class MonitoringSession final : public ProxySession, private FeedServer::Host {
  public:
-  // Server states.
-  static constexpr int kAwaitingLogin = 1;
-  static constexpr int kLoggedIn = 2;
-  static constexpr int kQuitting = 4;
   // Client states.
   static constexpr int kGreetingSeen = 2;
   static constexpr int kAwaitingGreeting = 3;
 
-  // The most command text held without "\r\n".
-  static constexpr std::size_t kLineLimit = 64 * 1024;
-  // The limits before login.
-  static constexpr std::size_t kPreLoginFrameLimit = 4 * 1024;
-  static constexpr std::size_t kPreLoginPendingBytes = 64 * 1024;
-  static constexpr int kInvalidCommandLimit = 10;
-  static constexpr std::time_t kLoginTimeoutSeconds = 30;
-  static constexpr int kPasswordFailureLimit = 3;
-  // At most this many command lines are handled in one pass; the rest wait for the next, so that
-  // one frame of many lines cannot hold the loop from the other sessions.
-  static constexpr int kLinesPerPass = 1000;
-
-  // The port supplies the settings and is not owned; it must outlive the session.
-  MonitoringSession(int number, MonitoringPort* port);
+  // The port supplies the settings and is not owned; it must outlive the session. The context's
+  // login guard and feeds belong to the loop, which outlives the session too.
+  MonitoringSession(int number, MonitoringPort* port, const SessionContext& context);
   // Leaves the shared feed of its file, if any.
   ~MonitoringSession() override;
 
-  // Non-zero listening socket: server role (accepts, greets, collects the log files). Zero:
-  // client role (connects to the port's outgoing server; a failed connect closes the session).
-  // OpenIncoming's FWESocketError propagates to the port.
+  // Non-zero listening socket: server role (accepts, greets; the log files are collected at the
+  // first "list" or "start" after login). Zero: client role (connects to the port's outgoing
+  // server; a failed connect closes the session). OpenIncoming's FWESocketError propagates to
+  // the port.
   void Open(int listening) override;
   // ProxySession::Close, then empties the texts and frame buffers and ClearData().
   void Close() override;
-  // While open: closes a session not logged in within kLoginTimeoutSeconds, takes up commands
-  // held back by back-pressure, then, while transmitting from its own reader and not held back,
-  // polls the log file and sends its new data as replies of at most LogTail::kMaxReplyBytes
-  // (1 MiB) of text each. With the port's shared feeds, a session reads on its own only until it
-  // is in step with the feed of its file (at start, and after it fell behind); the feed's polls
-  // send it the data meanwhile.
+  // While open: closes a session not logged in within feed::kLoginTimeoutSeconds, takes up
+  // commands held back by back-pressure, then, while transmitting from its own reader and not
+  // held back, polls the log file and sends its new data as replies of at most
+  // feed::kMaxReplyBytes of text each. With the shared feeds, a session reads on its own only
+  // until it is in step with the feed of its file (at start, and after it fell behind); the
+  // feed's polls send it the data meanwhile.
   void CheckActive() override;
   std::size_t GetMemoryRequired() const override { return 0; }
   // Command lines wait beyond one pass's share, or the session reads on its own and its file has
@@ -101,8 +72,8 @@ class MonitoringSession final : public ProxySession {
   // lines wait.
   bool ReadyToReceiveIncoming() override;
   bool ReadyToReceiveOutgoing() override { return GetOutgoingSocket() != 0; }
-  // True after "quit".
-  bool Finished() override { return server_state_ == kQuitting; }
+  // True after "quit" (or after too many failures before login).
+  bool Finished() override { return server_ && server_->IsFinished(); }
   // Client role: the server's frames. The flag is not used.
   void QueueIncoming(const std::string& data, bool flag) override;
   // Server role: the client's frames.
@@ -127,8 +98,9 @@ class MonitoringSession final : public ProxySession {
   // "start" after login.
   const std::vector<std::string>& GetLogFiles() const { return log_files_; }
   int GetClientState() const { return client_state_; }
-  int GetServerState() const { return server_state_; }
-  bool IsTransmitting() const { return transmitting_; }
+  // FeedServer's state (awaiting login, logged in, quitting); 0 in the client role.
+  int GetServerState() const { return server_ ? server_->GetState() : 0; }
+  bool IsTransmitting() const { return server_ && server_->IsTransmitting(); }
 
  private:
   // Received text not yet split into lines. Lines are cut off the front without moving the rest,
@@ -149,49 +121,41 @@ class MonitoringSession final : public ProxySession {
 
   void OpenServer(int listening);
   void OpenClient();
-  void CollectLogfilesOnce();
-  // The time of the loop's current pass (time() without a login guard).
-  std::time_t Now() const;
-  LoginGuard* Guard() const;
 
-  // Server role: takes frames and handles their lines until the input runs out, the session
-  // ends, or back-pressure holds it back.
+  // Server role: takes frames and hands their lines to the protocol until the input runs out,
+  // the session ends, or back-pressure holds it back.
   void ServeCommands();
   // The replies waiting for the client are past the bound: no command is taken, no file read.
   bool HeldBack() const;
-  void HandleCommand(const std::string& line);
-  void HandleLoggedIn(const std::string& line, const std::string& lower);
-  void HandleLogin(const std::string& line, const std::string& lower);
-  void HandleUser(const std::string& user);
-  void HandlePassword(const std::string& password);
-  // Why a login with this password fails; "" when it succeeds.
-  std::string LoginRefusal(const std::string& password) const;
-  void CountFailedLogin(const std::string& user, const std::string& reason);
-  void CountInvalidCommand();
-  void HandleStart(const std::string& line);
-  void HandleBacklog(const std::string& line);
-  void HandleResume(const std::string& line);
-  // Stops any transmission, then looks name up and starts reading it from its end. Replies as
-  // "start" does; false when refused.
-  bool BeginFile(const std::string& name);
-  // After BeginFile (and the first message of an extension): follows the port's shared feed of
-  // the file, when the port has shared feeds.
+
+  // What the protocol asks of the session (FeedServer::Host).
+  void Reply(const std::string& text) override { SendReply(text); }
+  void Log(const std::string& text) override { ProxySession::Log(text); }
+  void LoggedIn() override;
+  const std::vector<std::string>& LogFiles() override;
+  void StopFile() override;
+  int OpenFile(const std::string& name) override;
+  void FollowFile() override;
+  void FollowBacklog(std::size_t lines) override;
+  void FollowResumed(const feed::Position& from) override;
+
+  // Follows the port's shared feed of the file, when the loop has shared feeds.
   void JoinFeed();
-  // Ends the transmission: leaves the shared feed and closes the own reader.
-  void StopFile();
   // Sends what the own reader read; with positions, as one message behind its position line
   // (note ends that line), also when data is empty.
   void SendData(const std::string& data, bool positions, const std::string& note = "");
   void QueueFrames(const std::vector<FWSharedBytes>& frames);
-  void HandleList();
 
-  // Client role.
+  // Client role: the greeting is dropped, replies too, and every other line is data.
   void HandleReply(const std::string& line);
 
   // Logs the failure of a codec result under the session prefix and closes the session.
   void Fail(FWFeedCodec::Result result);
 
   MonitoringPort* const monitoring_port_;
+  const SessionContext context_;
+  // The dialogue of the server role; empty in the client role and before Open.
+  std::optional<FeedServer> server_;
   std::string received_text_;
   // Frames read from the client (server role, server limits) and from the server (client role,
   // client limits). Each holds the keyed cipher and the bytes of an incomplete frame.
@@ -201,7 +165,6 @@ class MonitoringSession final : public ProxySession {
   LineBuffer command_text_;
   // Client role: the same for the server's replies.
   LineBuffer reply_text_;
-  std::string current_file_;
   // The followed file under DocumentRoot.
   std::string file_name_;
   // The file's reader while the session is not in step with a shared feed (always, without one).
@@ -211,26 +174,15 @@ class MonitoringSession final : public ProxySession {
   // session may be made and ended when none is left.
   class FeedLink;
   std::unique_ptr<FeedLink> link_;
-  // The shared feed of the followed file, and the port's feeds it belongs to (which outlive the
-  // session); null when none.
+  // The shared feed of the followed file; null when none. It belongs to context_.log_feeds.
   LogFeed* feed_ = nullptr;
-  LogFeeds* feeds_ = nullptr;
-  std::time_t last_start_time_ = 0;
   int client_state_ = 0;
-  int server_state_ = 0;
-  bool transmitting_ = false;
-  // The transmission was begun by an extension: data messages carry their position line.
-  bool extended_ = false;
   std::vector<std::string> log_files_;
   bool log_files_collected_ = false;
-  bool user_accepted_ = false;
-  int invalid_commands_ = 0;
-  // Lines beyond one pass's share wait in the command text (see kLinesPerPass).
+  // Lines beyond one pass's share wait in the command text (see feed::kLinesPerPass).
   bool commands_waiting_ = false;
   // Commands were served by a read since the last CheckActive: one pass serves them only once.
   bool commands_served_ = false;
-  int password_failures_ = 0;
-  std::time_t login_deadline_ = 0;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGSESSION_H_

@@ -15,6 +15,7 @@
 #include "FWDescriptor.h"
 #include "FWObject.h"
 #include "FWType.h"
+#include "SessionContext.h"
 
 class ProxySession;
 
@@ -61,7 +62,7 @@ class ProxyPort : public FWObject {
   virtual void UpdateAddressLists();
   // A new session of the port's own kind for the given session number; the caller (SessionOpen)
   // puts it into the port's list, which then owns it.
-  virtual ProxySession* SessionCreate(int number) = 0;
+  virtual ProxySession* SessionCreate(int number, const SessionContext& context) = 0;
 
   // Called when the listening socket is readable: creates the session, appends it to the list and
   // calls its Open, which accepts the connection. An FWException from Open is logged as
@@ -69,7 +70,7 @@ class ProxyPort : public FWObject {
   // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
   // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
   // session, which the port's list owns; the pointer is a view for the caller.
-  ProxySession* SessionOpen(int number);
+  ProxySession* SessionOpen(int number, const SessionContext& context = SessionContext{});
   const SessionList& GetSessions() const { return sessions_; }
   // For the session manager, which reaps closed sessions: removing one destroys it.
   SessionList& GetSessions() { return sessions_; }
