@@ -20,26 +20,12 @@
 #include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
+#include "FeedProtocol.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kGreetingTail = " Monitoring Service Ready.\r\n";
-constexpr const char* kUserAccepted = "+OK\r\n";
-constexpr const char* kUserUnknown = "-ERR User unknown\r\n";
-constexpr const char* kLoginAccepted = "+OK Login successful\r\n";
-constexpr const char* kLoginFailed = "-ERR Login failed (invalid password)\r\n";
-constexpr const char* kListEnd = "+OK\r\n";
-constexpr const char* kStarted = "+OK start transmitting ";
-constexpr const char* kNotOffered = "-ERR invalid logfile name\r\n";
-constexpr const char* kStopped = "+OK logfile transmission stopped\r\n";
-constexpr const char* kClosing = "+OK closing connection\r\n";
-// Extensions: the answers of a daemon that does not know them, and the position line that starts
-// each data message after them.
-constexpr const char* kUnknownBeforeLogin = "-ERR invalid command\r\n";
-constexpr const char* kUnknownAfterLogin = "-ERR unrecognized command\r\n";
-constexpr const char* kFeedHead = "+FEED ";
 // Source prefixes on a terminal: cyan, yellow, magenta, green, blue, red; then again.
 constexpr const char* kColours[] = {"\x1b[36m", "\x1b[33m", "\x1b[35m",
                                     "\x1b[32m", "\x1b[34m", "\x1b[31m"};
@@ -49,20 +35,11 @@ constexpr const char kHex[] = "0123456789abcdef";
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 3;
 
-bool StartsWith(const std::string& text, const std::string& start) {
-  return text.compare(0, start.size(), start) == 0;
-}
-
-bool EndsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 // A daemon's reply for an error message: line ends as "\n", cut to kMaxQuotedBytes, control
 // characters escaped, so a hostile daemon can neither flood nor garble the terminal.
 constexpr std::size_t kMaxQuotedBytes = 200;
-constexpr std::size_t kMaxPathBytes = 4096;
 std::string QuotedReply(const std::string& message) {
   const std::string text = FWStringUtils::Convert2Unix(message);
   const bool cut = text.size() > kMaxQuotedBytes;
@@ -74,7 +51,7 @@ std::string QuotedReply(const std::string& message) {
 std::string Reason(const FWException& error) {
   const std::string text = error.GetText();
   const std::size_t close = text.find(") ");
-  if (StartsWith(text, "(") && close != std::string::npos) return text.substr(close + 2);
+  if (text.starts_with("(") && close != std::string::npos) return text.substr(close + 2);
   return text;
 }
 
@@ -92,26 +69,15 @@ bool WriteAll(int fd, const std::string& text) {
 
 }  // namespace
 
-// One daemon connection: its conversation, its frames and its share of the output.
-//
-// The daemon's messages are told apart by their order alone: a reply answers the oldest command
-// still unanswered, and after "+OK start transmitting ..." every message is file data, whatever
-// its first character. Stopping a feed sends "stop" and "quit"; data may still arrive before
-// their replies, and a data message may even read exactly like them, so the two replies are only
-// held back: they count as replies if the connection closes right after them, and as data if
-// anything follows. After "stop" the daemon sends no more data, so nothing but its close can
-// follow the real replies.
-class NorvaneClient::Feed final {
+// One daemon connection: its socket, its frames, its deadlines and its share of the output. The
+// conversation itself is the protocol's FeedClient, which tells the connection what to send and
+// what each message of the daemon means.
+class NorvaneClient::Feed final : private FeedClient::Host {
  public:
+  // The connection's own state; the dialogue's is FeedClient's phase.
   enum class Phase {
     kConnecting,
-    kGreeting,
-    kUser,
-    kPass,
-    kList,
-    kStart,
-    kStreaming,
-    kClosing,  // stopping, with no stream to write
+    kConnected,
     kWaiting,  // retry: connecting again at the deadline
     kDone
   };
@@ -123,14 +89,15 @@ class NorvaneClient::Feed final {
         target_(std::move(target)),
         prefixed_(prefixed),
         colour_(owner->feeds_.size() % (sizeof(kColours) / sizeof(kColours[0]))),
-        codec_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
+        codec_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit),
+        dialogue_(*this, MakeRequest(owner->options_, mode_, target_)) {}
 
   void Start();
   // A pattern's listing: empties the names and lists again after seconds.
   void ListAgain(int seconds);
   // Follows the file from its first byte (as far as a backlog reaches): it appeared after the
   // run began.
-  void FollowFromStart() { from_start_ = true; }
+  void FollowFromStart() { dialogue_.FollowFromStart(); }
   void RequestStop();
   // Closes without a word to the daemon.
   void Abandon() { Finish(); }
@@ -143,17 +110,13 @@ class NorvaneClient::Feed final {
   bool HasDeadline() const { return has_deadline_; }
   Clock::time_point Deadline() const { return deadline_; }
   // The names the daemon listed; complete only when IsListed().
-  const std::vector<std::string>& Names() const { return names_; }
+  const std::vector<std::string>& Names() const { return dialogue_.GetNames(); }
   bool IsListed() const { return listed_; }
   const Target& GetTarget() const { return target_; }
 
  private:
+  static FeedClient::Request MakeRequest(const Options& options, Mode mode, const Target& target);
   bool CheckArguments();
-  bool WantsExtension() const;
-  std::string StartCommand() const;
-  void OnStarted(const std::string& message);
-  void OnFeed(const std::string& message);
-  void OnExtensionRefused();
   void Retry(const std::string& text);
   void Reset();
   void Connect();
@@ -161,12 +124,6 @@ class NorvaneClient::Feed final {
   void SetKeepalive();
   void Receive();
   void Flush();
-  void Send(const std::string& command);
-  void OnMessage(const std::string& message);
-  void OnReply(const std::string& message);
-  void OnLoginReply(const std::string& message);
-  void OnMessageWhileStopping(const std::string& message);
-  void HoldOrData(const std::string& message);
   void OnClose();
   void AddData(const std::string& text);
   // Data as written: escaped when the options ask for it.
@@ -182,71 +139,73 @@ class NorvaneClient::Feed final {
   void Arm();
   std::string Where() const;
 
+  // What the dialogue asks and reports (FeedClient::Host).
+  void Send(const std::string& command) override;
+  void OnName() override { Arm(); }
+  void OnListed() override;
+  void OnFollowing(const std::string& path) override;
+  void OnData(const std::string& data) override { AddData(data); }
+  void OnResumeNote(const std::string& note) override;
+  void OnExtensionsRefused() override;
+  void OnRefused(FeedClient::Refusal refusal, const std::string& reply) override;
+  void OnUnexpected(const std::string& message) override;
+
   NorvaneClient* const owner_;
   const Mode mode_;
   const Target target_;
   const bool prefixed_;
   const std::size_t colour_;
   FWFeedCodec codec_;
+  FeedClient dialogue_;
   FWDescriptor socket_;
   Phase phase_ = Phase::kConnecting;
   std::string send_buffer_;
   bool has_deadline_ = false;
   Clock::time_point deadline_;
-  std::vector<std::string> names_;
   bool listed_ = false;
-  // Stopping: the replies that end the conversation, and those of them received so far.
-  bool stop_sent_ = false;
-  std::vector<std::string> expected_;
-  std::vector<std::string> held_;
-  bool quit_answered_ = false;
   // Output not yet written: a trailing "\r" that may start a "\r\n", and (prefixed) the
   // unfinished last line.
   std::string carry_;
   std::string partial_;
-  // Extensions: still to be tried with this daemon; the position after the last data received
-  // ("DEV INO OFFSET", empty before any); a first start was seen.
-  bool extensions_ = true;
-  std::string position_;
+  // A first start was seen.
   bool followed_ = false;
-  bool from_start_ = false;
   int retry_seconds_ = kFirstRetrySeconds;
 };
 
+FeedClient::Request NorvaneClient::Feed::MakeRequest(const Options& options, Mode mode,
+                                                     const Target& target) {
+  FeedClient::Request request;
+  request.user = options.user;
+  request.password = options.password;
+  request.list = mode == Mode::kList;
+  request.file = target.file;
+  request.backlog_lines = options.backlog_lines;
+  request.retry = options.retry;
+  return request;
+}
+
 bool NorvaneClient::Feed::CheckArguments() {
   const Options& options = owner_->options_;
-  std::string problem = ArgumentProblem("user", options.user);
-  if (problem.empty()) problem = ArgumentProblem("pass", options.password);
+  std::string problem = FeedClient::ArgumentProblem("user", options.user);
+  if (problem.empty()) problem = FeedClient::ArgumentProblem("pass", options.password);
   if (!problem.empty()) {
     Fail(kExitLogin, "login impossible: " + problem);
     return false;
   }
   if (mode_ == Mode::kList) return true;
-  problem = ArgumentProblem("start", target_.file);
+  problem = FeedClient::ArgumentProblem("start", target_.file);
   if (problem.empty()) return true;
   Fail(kExitNotOffered, "cannot be requested: " + problem);
   return false;
 }
 
-bool NorvaneClient::Feed::WantsExtension() const {
-  const Options& options = owner_->options_;
-  return extensions_ && (options.backlog_lines >= 0 || options.retry || from_start_);
-}
-
 void NorvaneClient::Feed::ListAgain(int seconds) {
   Reset();
-  names_.clear();
+  dialogue_.ClearNames();
   listed_ = false;
   phase_ = Phase::kWaiting;
   has_deadline_ = true;
   deadline_ = Clock::now() + std::chrono::seconds(seconds);
-}
-
-std::string NorvaneClient::Feed::StartCommand() const {
-  if (!WantsExtension() && !from_start_) return "start " + target_.file + "\r\n";
-  if (!position_.empty()) return "resume " + position_ + " " + target_.file + "\r\n";
-  const int lines = from_start_ ? kMaxBacklogLines : std::max(owner_->options_.backlog_lines, 0);
-  return "backlog " + std::to_string(lines) + " " + target_.file + "\r\n";
 }
 
 void NorvaneClient::Feed::Start() {
@@ -278,7 +237,7 @@ void NorvaneClient::Feed::Connected() {
     return;
   }
   SetKeepalive();
-  phase_ = Phase::kGreeting;
+  phase_ = Phase::kConnected;
   Arm();
 }
 
@@ -366,7 +325,7 @@ void NorvaneClient::Feed::Receive() {
       Fail(kExitProtocol, "corrupt frame from the daemon");
       return;
     }
-    OnMessage(message);
+    dialogue_.Receive(message);
   }
 }
 
@@ -375,169 +334,75 @@ void NorvaneClient::Feed::Send(const std::string& command) {
   Arm();
 }
 
-void NorvaneClient::Feed::OnMessage(const std::string& message) {
-  if (phase_ == Phase::kStreaming && WantsExtension() && StartsWith(message, kFeedHead)) {
-    OnFeed(message);
-    return;
-  }
-  if (stop_sent_) {
-    OnMessageWhileStopping(message);
-    return;
-  }
-  if (phase_ == Phase::kStreaming && !WantsExtension()) {
-    AddData(message);
-    return;
-  }
-  OnReply(message);
+void NorvaneClient::Feed::OnListed() {
+  listed_ = true;
+  RequestStop();
 }
 
-void NorvaneClient::Feed::OnStarted(const std::string& message) {
-  phase_ = Phase::kStreaming;
+void NorvaneClient::Feed::OnFollowing(const std::string& path) {
   has_deadline_ = false;
   retry_seconds_ = kFirstRetrySeconds;
-  std::string path = message.substr(std::strlen(kStarted));
-  path.resize(path.size() - (EndsWith(path, "\r\n") ? 2 : 0));
-  // No real path is longer; a hostile daemon's text is cut like a quoted reply.
-  if (path.size() > kMaxPathBytes) path = path.substr(0, kMaxPathBytes) + " (cut)";
   Notify(Listener::State::kFollowing, "following " + Escape(path, false));
   if (followed_ || owner_->options_.quiet) return;
   followed_ = true;
   owner_->WriteErr("norvane: " + Where() + ": following " + path + "\n");
 }
 
-// "+FEED DEV INO OFFSET[ NOTE]\r\n" and the data. The note tells how a resume found the file;
-// anything but "continued" ends the unfinished line of the old position.
-void NorvaneClient::Feed::OnFeed(const std::string& message) {
-  const std::size_t end = message.find("\r\n");
-  std::istringstream head(message.substr(0, end == std::string::npos ? 0 : end));
-  std::string word;
-  unsigned long long dev = 0, ino = 0, offset = 0;
-  std::string note;
-  if (!(head >> word >> dev >> ino >> offset)) {
-    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
-    return;
-  }
-  head >> note;
-  position_ = std::to_string(dev) + " " + std::to_string(ino) + " " + std::to_string(offset);
-  if (!note.empty() && note != "continued") FlushData();
+// The note of a resumed feed: the unfinished line of the old position ends here.
+void NorvaneClient::Feed::OnResumeNote(const std::string& note) {
+  FlushData();
   std::string notice;
-  if (note == "rotated" || note == "truncated") {
+  if (note == feed::kNoteRotated || note == feed::kNoteTruncated) {
     notice = "the file was " + note + " meanwhile; following it from its first byte";
-  } else if (note == "gone") {
+  } else if (note == feed::kNoteGone) {
     notice = "the file is gone; following it once it appears";
   }
-  if (!notice.empty()) {
-    owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
-    Notify(Listener::State::kNotice, notice);
-  }
-  AddData(message.substr(end + 2));
+  if (notice.empty()) return;
+  owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
+  Notify(Listener::State::kNotice, notice);
 }
 
-void NorvaneClient::Feed::OnReply(const std::string& message) {
-  const Options& options = owner_->options_;
-  if (phase_ == Phase::kGreeting && EndsWith(message, kGreetingTail)) {
-    phase_ = Phase::kUser;
-    Send("user " + options.user + "\r\n");
-  } else if (phase_ == Phase::kUser || phase_ == Phase::kPass) {
-    OnLoginReply(message);
-  } else if (phase_ == Phase::kList && message == kListEnd) {
-    listed_ = true;
-    RequestStop();
-  } else if (phase_ == Phase::kList && EndsWith(message, "\r\n")) {
-    names_.push_back(message.substr(0, message.size() - 2));
-    Arm();
-  } else if (phase_ == Phase::kStart && StartsWith(message, kStarted)) {
-    OnStarted(message);
-  } else if (phase_ == Phase::kStart && WantsExtension() &&
-             (message == kUnknownAfterLogin || message == kUnknownBeforeLogin)) {
-    OnExtensionRefused();
-  } else if (phase_ == Phase::kStart && message == kNotOffered) {
-    Refused(kExitNotOffered, "file not offered by the daemon (" +
-                                 message.substr(0, message.size() - 2) +
-                                 "); `norvane list` shows the files it offers");
-  } else {
-    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
-  }
-}
-
-// An older daemon: warned once per feed, which then uses the original "start" for good.
-void NorvaneClient::Feed::OnExtensionRefused() {
-  extensions_ = false;
+// An older daemon: warned once per feed.
+void NorvaneClient::Feed::OnExtensionsRefused() {
   const std::string notice =
       std::string("the daemon has no backlog or resume extension; following new lines only") +
       (owner_->options_.retry ? ", and a reconnection will miss what was written meanwhile" : "");
   owner_->WriteErr("norvane: " + Where() + ": " + notice + "\n");
   Notify(Listener::State::kNotice, notice);
-  Send(StartCommand());
 }
 
-void NorvaneClient::Feed::OnLoginReply(const std::string& message) {
+void NorvaneClient::Feed::OnRefused(FeedClient::Refusal refusal, const std::string& reply) {
   const Options& options = owner_->options_;
-  if (phase_ == Phase::kUser && message == kUserAccepted) {
-    phase_ = Phase::kPass;
-    Send("pass " + options.password + "\r\n");
-  } else if (phase_ == Phase::kUser && message == kUserUnknown) {
-    Refused(kExitLogin, "login refused: user " + Quoted(options.user) + " unknown");
-  } else if (phase_ == Phase::kPass && message == kLoginFailed) {
-    Refused(kExitLogin, "login refused: wrong password for user " + Quoted(options.user));
-  } else if (phase_ == Phase::kPass && message == kLoginAccepted) {
-    const bool listing = mode_ == Mode::kList;
-    phase_ = listing ? Phase::kList : Phase::kStart;
-    Send(listing ? std::string("list\r\n") : StartCommand());
-  } else {
-    Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
+  switch (refusal) {
+    case FeedClient::Refusal::kUser:
+      Refused(kExitLogin, "login refused: user " + Quoted(options.user) + " unknown");
+      break;
+    case FeedClient::Refusal::kPassword:
+      Refused(kExitLogin, "login refused: wrong password for user " + Quoted(options.user));
+      break;
+    case FeedClient::Refusal::kFile:
+      Refused(kExitNotOffered, "file not offered by the daemon (" +
+                                   reply.substr(0, reply.size() - 2) +
+                                   "); `norvane list` shows the files it offers");
+      break;
   }
 }
 
+void NorvaneClient::Feed::OnUnexpected(const std::string& message) {
+  Fail(kExitProtocol, "unexpected reply " + QuotedReply(message));
+}
+
 void NorvaneClient::Feed::RequestStop() {
-  if (IsDone() || stop_sent_) return;
+  if (IsDone() || dialogue_.IsStopping()) return;
   if (phase_ == Phase::kConnecting || phase_ == Phase::kWaiting) {
     Finish();
     return;
   }
-  stop_sent_ = true;
-  if (phase_ == Phase::kStart || phase_ == Phase::kStreaming) {
-    Send("stop\r\n");
-    expected_ = {kStopped, kClosing};
-  } else {
-    expected_ = {kClosing};
-  }
-  Send("quit\r\n");
-}
-
-// Replies to commands sent before the stop are dropped, except that a pending "start" may still
-// turn the feed into a stream whose data is written.
-void NorvaneClient::Feed::OnMessageWhileStopping(const std::string& message) {
-  if (phase_ == Phase::kStart) {
-    phase_ = StartsWith(message, kStarted) ? Phase::kStreaming : Phase::kClosing;
-    return;
-  }
-  // With the extensions data carries its position line, so replies are never taken for data.
-  if (phase_ == Phase::kStreaming && !WantsExtension()) {
-    HoldOrData(message);
-    return;
-  }
-  if (message == kClosing) quit_answered_ = true;
-}
-
-void NorvaneClient::Feed::HoldOrData(const std::string& message) {
-  if (held_.size() < expected_.size() && message == expected_[held_.size()]) {
-    held_.push_back(message);
-    quit_answered_ = held_.size() == expected_.size();
-    return;
-  }
-  for (const std::string& data : held_) AddData(data);
-  held_.clear();
-  quit_answered_ = false;
-  if (message == expected_.front()) {
-    held_.push_back(message);
-    return;
-  }
-  AddData(message);
+  dialogue_.Stop();
 }
 
 void NorvaneClient::Feed::OnClose() {
-  if (stop_sent_) {
+  if (dialogue_.IsStopping()) {
     Finish();
     return;
   }
@@ -554,9 +419,9 @@ void NorvaneClient::Feed::CheckDeadline(Clock::time_point now) {
   const std::string seconds = std::to_string(owner_->options_.timeout_seconds);
   if (phase_ == Phase::kConnecting) {
     Fail(kExitConnection, "cannot connect: no answer within " + seconds + " s");
-  } else if (!stop_sent_) {
+  } else if (!dialogue_.IsStopping()) {
     Fail(kExitNoAnswer, "daemon stopped answering (no reply within " + seconds + " s)");
-  } else if (quit_answered_) {
+  } else if (dialogue_.IsQuitAnswered()) {
     Finish();
   } else {
     Fail(kExitNoAnswer, "daemon stopped answering (no reply to \"quit\" within " + seconds + " s)");
@@ -625,7 +490,8 @@ std::string NorvaneClient::Feed::Prefix() const {
 void NorvaneClient::Feed::Fail(int code, const std::string& text) {
   if (IsDone()) return;
   const bool retryable = code == kExitConnection || code == kExitNoAnswer;
-  if (owner_->options_.retry && retryable && !stop_sent_ && owner_->mode_ == Mode::kTail) {
+  if (owner_->options_.retry && retryable && !dialogue_.IsStopping() &&
+      owner_->mode_ == Mode::kTail) {
     Retry(text);
     return;
   }
@@ -646,7 +512,6 @@ void NorvaneClient::Feed::Refused(int code, const std::string& text) {
   owner_->WriteErr("norvane: " + Where() + ": " + text + "\n");
   Notify(Listener::State::kEnded, text);
   if (owner_->first_failure_ == kExitOk) owner_->first_failure_ = code;
-  phase_ = Phase::kClosing;
   RequestStop();
 }
 
@@ -667,10 +532,7 @@ void NorvaneClient::Feed::Reset() {
   socket_.Reset();
   codec_.Clear();
   send_buffer_.clear();
-  stop_sent_ = false;
-  expected_.clear();
-  held_.clear();
-  quit_answered_ = false;
+  dialogue_.Restart();
   phase_ = Phase::kConnecting;
 }
 
@@ -735,17 +597,6 @@ bool NorvaneClient::ParseTailTarget(const std::string& text, const Target& defau
   if (!target->file.empty()) return true;
   *error = "no file name in " + Quoted(text);
   return false;
-}
-
-std::string NorvaneClient::ArgumentProblem(const std::string& keyword, const std::string& value) {
-  if (value.empty()) return "the " + keyword + " argument is empty";
-  const bool leading_blank = value.front() == ' ' || value.front() == '\t';
-  if (!leading_blank && value.find("\r\n") == std::string::npos) return "";
-  const std::string what = keyword == "start"  ? "name"
-                           : keyword == "user" ? "user name"
-                                               : "password";
-  return "the daemon removes leading blanks and line ends from a " + what + ", so " +
-         (keyword == "pass" ? "this password" : Quoted(value)) + " can never reach it";
 }
 
 std::string NorvaneClient::Escape(const std::string& text, bool keep_line_ends) {

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "FeedProtocol.h"
+
 // Runs every connection in one thread over poll(). The first failure of any connection ends the
 // whole run: its message is written, the other daemons get "quit", and its exit code is returned.
 // With Options::retry a lost or unanswering connection is no failure: it is reported and made
@@ -36,8 +38,8 @@ class NorvaneClient final {
   static constexpr int kExitProtocol = 7;
 
   static constexpr const char* kDefaultHost = "127.0.0.1";
-  static constexpr int kDefaultPort = 9080;
-  static constexpr const char* kDefaultUser = "logwatcher";
+  static constexpr int kDefaultPort = feed::kDefaultPort;
+  static constexpr const char* kDefaultUser = feed::kDefaultUser;
   static constexpr int kDefaultTimeoutSeconds = 10;
   static constexpr int kDefaultKeepaliveSeconds = 60;
 
@@ -91,7 +93,7 @@ class NorvaneClient final {
     Listener* listener = nullptr;
   };
 
-  static constexpr int kMaxBacklogLines = 10000;
+  static constexpr int kMaxBacklogLines = static_cast<int>(feed::kMaxBacklogLines);
   static constexpr int kFirstRetrySeconds = 1;
   static constexpr int kLastRetrySeconds = 30;
   // With retry, a FILE pattern's daemon is asked for its list again this long after the last.
@@ -107,9 +109,6 @@ class NorvaneClient final {
                           std::string* error);
   // Parses a port number 1..65535.
   static bool ParsePort(const std::string& text, int* port);
-  // Why the daemon can never take value as the argument of keyword ("start", "user", "pass"), or
-  // "" when it can: the daemon removes the keyword, then leading white space and every "\r\n".
-  static std::string ArgumentProblem(const std::string& keyword, const std::string& value);
   // text with every control character but tab (and "\n" and "\r\n" when keep_line_ends) shown
   // as \xHH: C0 controls, DEL, and the C1 controls U+0080..U+009F in their UTF-8 form.
   static std::string Escape(const std::string& text, bool keep_line_ends);
