@@ -426,6 +426,15 @@ void FeedClient::Receive(const std::string& message) {
   OnReply(message);
 }
 
+void FeedClient::ReadLine(const std::string& line) {
+  if (phase_ == Phase::kGreeting) {
+    phase_ = Phase::kStreaming;
+    return;
+  }
+  if (line[0] == '+' || line[0] == '-') return;
+  host_.OnData(line);
+}
+
 void FeedClient::OnReply(const std::string& message) {
   if (phase_ == Phase::kGreeting && EndsWith(message, feed::kGreetingTail)) {
     phase_ = Phase::kUser;

@@ -284,6 +284,13 @@ class FeedClient final {
   void Restart();
   // One message from the daemon.
   void Receive(const std::string& message);
+  // The other way to read a feed, for a caller that sends the commands itself (a session's
+  // client role): one "\r\n"-terminated line at a time. The first line is the greeting; after
+  // it, lines beginning with "+" or "-" are replies and are dropped, and every other line goes to
+  // OnData.
+  void ReadLine(const std::string& line);
+  // The greeting has come.
+  bool HasGreeting() const { return phase_ != Phase::kGreeting; }
   // Sends "stop" (while a file is asked for or streams) and "quit".
   void Stop();
   // The replies to "stop"/"quit" arrived and only the close may follow.

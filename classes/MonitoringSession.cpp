@@ -66,7 +66,7 @@ void MonitoringSession::Open(int listening) {
 void MonitoringSession::OpenServer(int listening) {
   OpenIncoming(listening);
   SetOpen(true);
-  client_state_ = 0;
+  client_.reset();
   FeedServer::Settings settings{monitoring_port_->GetDocumentRoot(), monitoring_port_->GetUser(),
                                 monitoring_port_->GetPassword(),
                                 monitoring_port_->HasDefaultPassword()};
@@ -81,7 +81,8 @@ void MonitoringSession::OpenClient() {
   OpenOutgoing(monitoring_port_->GetOutgoingServer(), monitoring_port_->GetOutgoingPort());
   SetOpen(true);
   server_.reset();
-  client_state_ = kAwaitingGreeting;
+  FeedClient::Host& host = *this;
+  client_.emplace(host, FeedClient::Request{});
   if (GetOutgoingSocket() == 0) Close();
 }
 
@@ -121,6 +122,11 @@ void MonitoringSession::CheckActive() {
   const std::string data = own_tail_->Poll();
   if (!data.empty()) SendData(data, server_->IsExtended());
   if (feed_ != nullptr) feed_->Rejoin(link_.get());
+}
+
+int MonitoringSession::GetClientState() const {
+  if (!client_) return 0;
+  return client_->HasGreeting() ? kGreetingSeen : kAwaitingGreeting;
 }
 
 bool MonitoringSession::IsBehind() const {
@@ -286,16 +292,5 @@ void MonitoringSession::QueueIncoming(const std::string& data, bool /*flag*/) {
     reply_text_.Append(message);
   }
   std::string line;
-  while (reply_text_.CutLine(&line)) HandleReply(line);
-}
-
-// The first line is the greeting; after it, replies ("+..." and "-...") are dropped and every
-// other line is log data.
-void MonitoringSession::HandleReply(const std::string& line) {
-  if (client_state_ == kAwaitingGreeting) {
-    client_state_ = kGreetingSeen;
-    return;
-  }
-  if (line[0] == '+' || line[0] == '-') return;
-  received_text_ += line;
+  while (client_ && reply_text_.CutLine(&line)) client_->ReadLine(line);
 }

@@ -38,7 +38,9 @@ class MonitoringPort;
 // client (feed::kMaxPendingBytes after login), the session neither polls its log file nor reads
 // or handles further commands; both resume once the client has read enough (commands already
 // received are taken up again by CheckActive).
-class MonitoringSession final : public ProxySession, private FeedServer::Host {
+class MonitoringSession final : public ProxySession,
+                                private FeedServer::Host,
+                                private FeedClient::Host {
  public:
   // Client states.
   static constexpr int kGreetingSeen = 2;
@@ -97,7 +99,8 @@ class MonitoringSession final : public ProxySession, private FeedServer::Host {
   // Names relative to DocumentRoot, sorted by byte value; collected once, at the first "list" or
   // "start" after login.
   const std::vector<std::string>& GetLogFiles() const { return log_files_; }
-  int GetClientState() const { return client_state_; }
+  // Client role: awaiting the greeting, or greeting seen; 0 in the server role.
+  int GetClientState() const;
   // FeedServer's state (awaiting login, logged in, quitting); 0 in the client role.
   int GetServerState() const { return server_ ? server_->GetState() : 0; }
   bool IsTransmitting() const { return server_ && server_->IsTransmitting(); }
@@ -146,16 +149,27 @@ class MonitoringSession final : public ProxySession, private FeedServer::Host {
   void SendData(const std::string& data, bool positions, const std::string& note = "");
   void QueueFrames(const std::vector<FWSharedBytes>& frames);
 
-  // Client role: the greeting is dropped, replies too, and every other line is data.
-  void HandleReply(const std::string& line);
+  // What the client role's reading of the feed reports (FeedClient::Host): only data, since the
+  // caller sends the commands itself.
+  void Send(const std::string& command) override { SendCommand(command); }
+  void OnData(const std::string& data) override { received_text_ += data; }
+  void OnName() override {}
+  void OnListed() override {}
+  void OnFollowing(const std::string& /*path*/) override {}
+  void OnResumeNote(const std::string& /*note*/) override {}
+  void OnExtensionsRefused() override {}
+  void OnRefused(FeedClient::Refusal /*refusal*/, const std::string& /*reply*/) override {}
+  void OnUnexpected(const std::string& /*message*/) override {}
 
   // Logs the failure of a codec result under the session prefix and closes the session.
   void Fail(FWFeedCodec::Result result);
 
   MonitoringPort* const monitoring_port_;
   const SessionContext context_;
-  // The dialogue of the server role; empty in the client role and before Open.
+  // The dialogue of the server role, and the reading of the client role; each empty in the other
+  // role and before Open.
   std::optional<FeedServer> server_;
+  std::optional<FeedClient> client_;
   std::string received_text_;
   // Frames read from the client (server role, server limits) and from the server (client role,
   // client limits). Each holds the keyed cipher and the bytes of an incomplete frame.
@@ -176,7 +190,6 @@ class MonitoringSession final : public ProxySession, private FeedServer::Host {
   std::unique_ptr<FeedLink> link_;
   // The shared feed of the followed file; null when none. It belongs to context_.log_feeds.
   LogFeed* feed_ = nullptr;
-  int client_state_ = 0;
   std::vector<std::string> log_files_;
   bool log_files_collected_ = false;
   // Lines beyond one pass's share wait in the command text (see feed::kLinesPerPass).
