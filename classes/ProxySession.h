@@ -78,8 +78,9 @@ class ProxySession {
   // Every chunk read from the client, including an empty one when a read produced nothing.
   virtual void QueueOutgoing(const std::string& data) = 0;
 
-  // The transfers, called when the loop has seen the socket ready. Each moves at most 32000
-  // bytes and returns the count (0 when none).
+  // The transfers, called when the loop has seen the socket ready; each returns the bytes moved
+  // (0 when none). A receive reads at most FWSocketManager::kTransferLimit (32000) bytes; a send
+  // writes until the socket would block, at most kSendPerPass (4 MiB).
   int ReceiveIncoming();
   int ReceiveOutgoing();
   int SendIncoming();
