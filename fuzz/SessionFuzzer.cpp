@@ -174,7 +174,8 @@ std::string HandFrame(std::uint32_t length, std::string body) {
 // One client's connection: its end of the socket, with the client's reader, and the session
 // that accepted it.
 struct Connection {
-  Connection(Fixture& fixture, int number) : session(number, &fixture.port) {
+  Connection(Fixture& fixture, int number, const SessionContext& context)
+      : session(number, &fixture.port, context) {
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0 ||
         ::connect(fd, reinterpret_cast<const sockaddr*>(&fixture.address), fixture.length) != 0) {
@@ -256,11 +257,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   LoginGuard guard;
   guard.SetNow(1000000000);
   LogFeeds feeds;
-  fixture.port.SetLoginGuard(&guard);
-  fixture.port.SetLogFeeds(&feeds);
+  const SessionContext context{&guard, &feeds};
   {
-    Connection first(fixture, 1);
-    Connection second(fixture, 2);
+    Connection first(fixture, 1, context);
+    Connection second(fixture, 2, context);
     Connection* const connections[2] = {&first, &second};
     // The clients' own codec makes their frames, as a real client's would.
     const FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
@@ -336,7 +336,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   if (feeds.size() != 0) Die("a shared feed outlived its sessions");
-  fixture.port.SetLogFeeds(nullptr);
-  fixture.port.SetLoginGuard(nullptr);
   return 0;
 }
