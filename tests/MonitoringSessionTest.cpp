@@ -564,6 +564,7 @@ TEST_F(MonitoringSessionTest,
       refused(9, &client_port, none);
   reader.Open(0);
   ASSERT_TRUE(reader.IsOpen() && server.Accept());
+  EXPECT_EQ(reader.GetClientState(), MonitoringSession::kAwaitingGreeting);
   reader.SendCommand("user logwatcher\r\n");
   reader.SendCommand("list\r\n");
   reader.SendOutgoing();
@@ -572,6 +573,8 @@ TEST_F(MonitoringSessionTest,
   reader.QueueIncoming(
       codec_.Frame(kGreeting + "alpha\r\n-minus\r\n+pl") + codec_.Frame("us\r\nbeta\r\n"), false);
   EXPECT_EQ(reader.GetReceivedText(), "alpha\r\nbeta\r\n");
+  EXPECT_EQ(reader.GetClientState(), MonitoringSession::kGreetingSeen);
+  EXPECT_EQ(reader.GetServerState(), 0);
   server.Close();
   EXPECT_TRUE(testutil::WaitUntil([&] { return reader.ReceiveOutgoing(), !reader.IsOpen(); }));
   lost.Open(0);
