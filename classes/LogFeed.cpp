@@ -10,6 +10,7 @@
 
 #include "FWFile.h"
 #include "FWLogStream.h"
+#include "FeedProtocol.h"
 
 namespace {
 
