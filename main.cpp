@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWHeap.h"
 #include "FWIniParser.h"
 #include "FWLogStream.h"

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWLogStream.h"
 #include "FWStringUtils.h"
 

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWPublishSubscribe.h"
 #include "MonitoringSession.h"
 

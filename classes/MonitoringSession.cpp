@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWProduct.h"
 #include "FWStringUtils.h"
 #include "LogDirectory.h"

@@ -1,5 +1,5 @@
-// File names (textual operations on "/"-separated paths), directory listing and system error
-// texts.
+// File names (textual operations on "/"-separated paths) and directory listing. The system's
+// error texts are in FWErrorMessage.h.
 #ifndef NORVANE_SRC_FWFILE_H_
 #define NORVANE_SRC_FWFILE_H_
 
@@ -47,9 +47,6 @@ class FWDirectory {
   DIR* dir_ = nullptr;  // owned
 };
 
-// The system's text for the error number (strerror) without leading or trailing white space.
-// Thread-safe (strerror_r): the one errno-to-text helper of the project.
-std::string GetErrorMessage(int error);
 // Runs "rm -rf <directory>/" and returns true when its status is 0. The service does not call it.
 bool DeleteDir(const char* directory);
 

@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWStringUtils.h"
 
 namespace {

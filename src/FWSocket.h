@@ -87,8 +87,8 @@ class FWSocketManager final {
   int Send(int socket, std::string& data, bool& try_again) const;
   // Clears (blocking) or sets (non-blocking) O_NONBLOCK; never fails.
   void SetBlocking(int socket, bool blocking) const;
-  // The system's text for the current errno: GetErrorMessage(errno) (FWFile.h), kept for the
-  // session manager's poll failure.
+  // The system's text for the current errno: GetErrorMessage(errno) (FWErrorMessage.h), kept for
+  // the session manager's poll failure.
   std::string SocketError() const;
 
  private:

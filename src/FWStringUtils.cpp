@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 
 namespace {
 

@@ -15,9 +15,9 @@
 #include <utility>
 
 #include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
 #include "FWFeedCodec.h"
-#include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 
