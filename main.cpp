@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "FWClassFactory.h"
 #include "FWErrorMessage.h"
 #include "FWException.h"
 #include "FWHeap.h"
@@ -352,6 +353,8 @@ int Serve(SessionManager& manager) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  // Before anything uses the class registry: reading the configuration needs the classes.
+  RegisterServiceClasses();
   Options options;
   if (const int code = ParseOptions(argc, argv, &options); code >= 0) return code;
   InstallSignals();

@@ -11,9 +11,11 @@
 
 #include "FWApplication.h"
 #include "FWClass.h"
+#include "FWClassFactory.h"
 #include "FWException.h"
 #include "FWIniParser.h"
 #include "FWMember.h"
+#include "FWMemberObject.h"
 #include "FWStringUtils.h"
 #include "MonitoringPort.h"
 #include "SessionManager.h"
@@ -149,4 +151,110 @@ TEST(FWConfigTest, SoftDescriptorLimitIsRaisedForTheSessionPool) {
   EXPECT_EQ(manager.GetPoolSize(), 508);
   EXPECT_EQ(manager.FitDescriptorLimit(), "");
   EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+}
+
+// ---- The class registry: what the service's class factory tells it ----
+
+namespace {
+
+// "Name(base, "caption", number)" of each class, in registry order.
+std::string ClassList() {
+  std::string text;
+  for (const FWClass* cls : FWApplication::GetInstance().GetClasses()) {
+    text += cls->GetName() + "(" + cls->GetBaseName() + ", \"" + cls->GetCaption() + "\", " +
+            std::to_string(cls->GetNumber()) + ") ";
+  }
+  return text;
+}
+
+// One line per own member in the order added: name, type, size, required, caption, description;
+// then the object members: name, element class, multiplicity, required, caption, description.
+std::string OwnMembers(const std::string& class_name) {
+  const FWClass* cls = FWApplication::GetInstance().GetClass(class_name);
+  if (cls == nullptr) return "no class " + class_name;
+  std::string text;
+  for (const FWMember* m : cls->GetOwnMembers()) {
+    text += m->GetName() + " " + m->GetTypeName() + " " + m->GetSize().GetAsString() + " " +
+            m->GetRequired().GetAsString() + " \"" + m->GetCaption() + "\" \"" +
+            m->GetDescription() + "\"\n";
+  }
+  for (const FWMemberObject* m : cls->GetOwnMemberObjects()) {
+    text += m->GetName() + " " + m->GetTypeName() + " " + m->GetMultiplicity() + " " +
+            m->GetRequired().GetAsString() + " \"" + m->GetCaption() + "\" \"" +
+            m->GetDescription() + "\"\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+TEST(FWConfigTest, RegistryHoldsTheThreeServiceClassesSortedByName) {
+  EXPECT_EQ(ClassList(),
+            "MonitoringPort(ProxyPort, \"Norvane Settings\", 1) ProxyPort(FWObject, \"\", 2) "
+            "SessionManager(FWObject, \"\", 3) ");
+  const FWApplication& registry = FWApplication::GetInstance();
+  EXPECT_EQ(registry.GetClass("ProxyPort"), registry.GetClasses()[1]);
+  for (const char* absent : {"proxyport", "", "FWObject", "MonitoringSession"}) {
+    EXPECT_EQ(registry.GetClass(absent), nullptr) << absent;
+    EXPECT_EQ(registry.GetEnum(absent), nullptr) << absent;
+  }
+}
+
+// The vocabulary of the configuration file. "were" and the class caption repeated for
+// MonitoringInterval and User are what users have always been shown.
+TEST(FWConfigTest, EachClassDescribesItsOwnMembersInTheOrderAdded) {
+  EXPECT_EQ(OwnMembers("MonitoringPort"),
+            "DocumentRoot FWString 0 1 \"Log File Path\" \"The file system path were to look for "
+            "log files.\"\n"
+            "MonitoringInterval FWInteger 0 0 \"Norvane Settings\" \"\"\n"
+            "Password FWString 0 1 \"Password\" \"The password a client must submit to connect "
+            "log feeds.\"\n"
+            "SearchPattern FWString 0 1 \"Log File Search Pattern\" \"The search pattern used to "
+            "find log files.\"\n"
+            "User FWString 0 0 \"Norvane Settings\" \"\"\n");
+  EXPECT_EQ(OwnMembers("ProxyPort"),
+            "IncomingConnectionCount FWInteger 0 0 \"\" \"\"\n"
+            "IncomingPort FWString 0 1 \"Port\" \"The port used by Norvane to listen for incoming "
+            "client connections.\"\n"
+            "IncomingServer FWString 0 0 \"Interface IP\" \"The IP address of the interface used "
+            "by Norvane to listen for incoming client connections.\"\n"
+            "IncomingTimeout FWInteger 0 0 \"\" \"\"\n"
+            "KeepAliveTimeout FWInteger 0 0 \"\" \"\"\n"
+            "Name FWString 30 0 \"\" \"\"\n"
+            "OutgoingConnectionCount FWInteger 0 0 \"\" \"\"\n"
+            "OutgoingPort FWString 0 0 \"\" \"\"\n"
+            "OutgoingServer FWString 0 0 \"\" \"\"\n"
+            "OutgoingTimeout FWInteger 0 0 \"\" \"\"\n");
+  EXPECT_EQ(OwnMembers("SessionManager"),
+            "MaxLogFileDays FWInteger 0 0 \"\" \"\"\n"
+            "MaxLogFileSize FWInteger 0 0 \"\" \"\"\n"
+            "Ports ProxyPort n 0 \"\" \"\"\n");
+}
+
+// The factory fills the registry once, and constructs only the concrete classes.
+TEST(FWConfigTest, FactoryFillsOnceAndConstructsOnlyConcreteClasses) {
+  FWApplication& registry = FWApplication::GetInstance();
+  const std::string before = ClassList();
+  try {
+    registry.Init();
+    ADD_FAILURE() << "a second fill succeeded";
+  } catch (const FWEInternal& e) {
+    EXPECT_EQ(e.GetFullText(), "Internal consistency error (classes/FWClassFactory: 115)");
+  }
+  EXPECT_EQ(ClassList(), before);
+  try {
+    delete registry.GetClass("ProxyPort")->NewInstance();
+    ADD_FAILURE() << "an abstract ProxyPort was made";
+  } catch (const FWEInternal& e) {
+    EXPECT_EQ(e.GetFullText(), "Internal consistency error (classes/FWClassFactory: 200)");
+  }
+  const std::unique_ptr<FWObject> port(registry.GetClass("MonitoringPort")->NewInstance());
+  ASSERT_NE(dynamic_cast<MonitoringPort*>(port.get()), nullptr);
+  EXPECT_EQ(Settings(*port), kDefaultPort);
+  const std::unique_ptr<FWObject> root(registry.GetClass("SessionManager")->NewInstance());
+  ASSERT_NE(dynamic_cast<SessionManager*>(root.get()), nullptr);
+  EXPECT_EQ(Settings(*root), kDefaultRoot);
+  // The registry exists: its factory can no longer change.
+  EXPECT_THROW(RegisterServiceClasses(), FWEInternal);
+  EXPECT_EQ(ClassList(), before);
 }

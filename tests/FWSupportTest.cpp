@@ -1,6 +1,6 @@
 // The framework parts that operators meet only through the daemon: file name patterns
-// (SearchPattern), port texts (IncomingPort) and the update check's HTTP
-// exchange.
+// (SearchPattern), port texts (IncomingPort) and the update check's HTTP exchange; and the class
+// registry of a program that is not the daemon (this suite does not link the service classes).
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "FWApplication.h"
+#include "FWClass.h"
 #include "FWException.h"
 #include "FWProduct.h"
 #include "FWSocket.h"
@@ -62,6 +64,18 @@ TEST(FWSupportTest, PortIsANumberFrom1To65535OrAServiceName) {
   for (const char* port : {"0", "65536", "nosuchservice"}) {
     EXPECT_THROW(sockets.AddressCreate(address, "", port, "tcp"), FWESocketError) << port;
   }
+}
+
+// The framework names no service class: without a class factory the registry is empty, and a
+// class record has nothing to construct its objects with.
+TEST(FWSupportTest, RegistryWithoutAClassFactoryHoldsNoClass) {
+  const FWApplication& registry = FWApplication::GetInstance();
+  EXPECT_TRUE(registry.GetClasses().empty());
+  EXPECT_EQ(registry.GetClass("SessionManager"), nullptr);
+  FWClass record;
+  record.SetName(FWString("MonitoringPort"));
+  record.SetNumber(1);
+  EXPECT_THROW(delete record.NewInstance(), FWEInternal);
 }
 
 // ---- The update check ----
