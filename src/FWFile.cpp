@@ -81,7 +81,7 @@ void FWDirectory::Open(const std::string& path) {
   dir_ = ::opendir(FWFileName::SlashForce(path).c_str());
   if (dir_ != nullptr) return;
   const int error = errno;
-  throw FWESystemException("FWFile", kOpenLine, GetErrorMessage(error));
+  throw FWESystemException("FWFile", kOpenLine, GetErrorMessage(error), error, path);
 }
 
 // readdir keeps returning null once the end is reached, so "" repeats after the end.

@@ -37,7 +37,8 @@ class FWDirectory {
   FWDirectory& operator=(const FWDirectory&) = delete;
 
   // Closes a stream still open, then opens SlashForce(path). Throws FWESystemException, source
-  // "FWFile", with the system's error text on failure.
+  // "FWFile", with the system's error text on failure; its errno and its object, the path as
+  // given, are its facts.
   void Open(const std::string& path);
   // The next entry name in system order ("." and ".." included); "" at the end, and after it.
   std::string NextName();

@@ -3,6 +3,7 @@
 // the session pool needs. How norvaned reports all this is in NorvanedTest.
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <string>
@@ -122,6 +123,33 @@ TEST(FWConfigTest, GrammarCornersAndFailures) {
        "failed: Cannot cast to container member class"},
   };
   for (const auto& [text, expected] : cases) EXPECT_EQ(Parse(text), expected) << text;
+}
+
+// A bad line is an FWEIniParseError at its line; a file that cannot be read, or a section the
+// registry cannot make an object for, fails with an error of another type.
+TEST(FWConfigTest, OnlyGrammarFailuresAreIniParseErrors) {
+  const auto parse = [](const std::string& text, bool is_file) {
+    SessionManager manager;
+    try {
+      FWIniParser("1.0", false).ParseToObject(manager, text, is_file);
+    } catch (const FWEIniParseError& e) {
+      return "grammar: " + e.GetFullText();
+    } catch (const FWECantOpen& e) {
+      return "load: " + e.GetObject() + " " + std::to_string(e.GetErrno());
+    } catch (const FWException& e) {
+      return "other: " + e.GetFullText();
+    }
+    return std::string("parsed");
+  };
+  EXPECT_EQ(parse("FileVersion=1.0\n[SessionManager]\n\nMaxLogFileDays 3\n", false),
+            "grammar: Parse operation failed (parse error: MaxLogFileDays 3) (src/FWIniParser: 4)");
+  EXPECT_EQ(parse("FileVersion=2.0\n", false),
+            "grammar: Parse operation failed (version not supported) (src/FWIniParser: 1)");
+  const testutil::TempDir dir;
+  EXPECT_EQ(parse(dir.File("missing.cf"), true),
+            "load: " + dir.File("missing.cf") + " " + std::to_string(ENOENT));
+  EXPECT_EQ(parse("FileVersion=1.0\n[SessionManager]\n[SessionManager\\Ports\\ProxyPort]\n", false),
+            "other: Internal consistency error (classes/FWClassFactory: 200)");
 }
 
 TEST(FWConfigTest, FileOfExactly100000BytesIsReadAndOneByteMoreIsNot) {
