@@ -19,8 +19,9 @@
 #include <string>
 #include <vector>
 
+#include "FWClassFactory.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWHeap.h"
 #include "FWIniParser.h"
 #include "FWLogStream.h"
@@ -216,14 +217,15 @@ bool ReadConfiguration(SessionManager& manager, const std::string& path, bool na
     FWIniParser parser("1.0", false);
     parser.ParseToObject(manager, path, true);
     parsed = true;
+  } catch (const FWEIniParseError& e) {
+    TakeLoggedLines();
+    report.Fail(path + ":" + std::to_string(e.GetLine()) + ": " + e.GetText(),
+                "settings are lines Key=value under a [section] header; fix the line and test "
+                "the file with norvaned --check");
   } catch (const FWException& e) {
     TakeLoggedLines();
-    const bool grammar = e.GetSource() == "src/FWIniParser";
-    report.Fail(
-        path + (grammar ? ":" + std::to_string(e.GetLine()) : std::string()) + ": " + e.GetText(),
-        grammar ? "settings are lines Key=value under a [section] header; fix the line "
-                  "and test the file with norvaned --check"
-                : "name an existing file that the user running norvaned may read");
+    report.Fail(path + ": " + e.GetText(),
+                "name an existing file that the user running norvaned may read");
   }
   if (!parsed) return false;
   for (const std::string& line : TakeLoggedLines()) report.Show(path + ": " + line);
@@ -246,42 +248,50 @@ bool CheckConfiguration(const SessionManager& manager, const std::string& path,
   return problems.empty();
 }
 
-// What to do when a port cannot be bound, from the system's reason.
-std::string ListenHint(const std::string& reason) {
-  const auto says = [&](int error) {
-    return reason.find(GetErrorMessage(error)) != std::string::npos;
-  };
-  if (says(EADDRINUSE)) {
-    return "another program listens there (ss -ltnp shows which): stop it or choose another "
-           "IncomingPort";
+// What to do when a port cannot be bound, from the failed call's errno (0 when it had none).
+std::string ListenHint(int error) {
+  switch (error) {
+    case EADDRINUSE:
+      return "another program listens there (ss -ltnp shows which): stop it or choose another "
+             "IncomingPort";
+    case EACCES:
+      return "ports below 1024 need root or CAP_NET_BIND_SERVICE: choose an IncomingPort from "
+             "1024";
+    case EADDRNOTAVAIL:
+      return "IncomingServer must be an address of this machine (ip -brief address lists them)";
+    default:
+      return "check IncomingServer and IncomingPort";
   }
-  if (says(EACCES)) {
-    return "ports below 1024 need root or CAP_NET_BIND_SERVICE: choose an IncomingPort from 1024";
-  }
-  if (says(EADDRNOTAVAIL)) {
-    return "IncomingServer must be an address of this machine (ip -brief address lists them)";
-  }
-  return "check IncomingServer and IncomingPort";
 }
 
-// Opens every port; a failure names the address and port that could not be bound.
+// Reports why the ports could not all be opened: the first port without a listening socket,
+// with the hint for the errno; false.
+bool ReportPortFailure(const SessionManager& manager, const std::string& path, const FWException& e,
+                       int error, const StartupReport& report) {
+  int number = 0;
+  for (const std::unique_ptr<ProxyPort>& port : manager.GetPorts()) {
+    ++number;
+    if (port->GetListeningSocket() != 0) continue;
+    report.Fail(FWStringUtils::Printf("can't listen on %s (port %d of %s): %s",
+                                      port->GetAddressText().c_str(), number, path.c_str(),
+                                      e.GetText().c_str()),
+                ListenHint(error));
+    return false;
+  }
+  report.Fail(e.GetText(), "see the lines above");
+  return false;
+}
+
+// Opens every port; a failure names the address and port that could not be bound. Only a socket
+// failure carries an errno to choose the hint by.
 bool OpenPorts(SessionManager& manager, const std::string& path, const StartupReport& report) {
   try {
     manager.InitPorts();
     return true;
+  } catch (const FWESocketError& e) {
+    return ReportPortFailure(manager, path, e, e.GetErrno(), report);
   } catch (const FWException& e) {
-    int number = 0;
-    for (const std::unique_ptr<ProxyPort>& port : manager.GetPorts()) {
-      ++number;
-      if (port->GetListeningSocket() != 0) continue;
-      report.Fail(FWStringUtils::Printf("can't listen on %s (port %d of %s): %s",
-                                        port->GetAddressText().c_str(), number, path.c_str(),
-                                        e.GetText().c_str()),
-                  ListenHint(e.GetText()));
-      return false;
-    }
-    report.Fail(e.GetText(), "see the lines above");
-    return false;
+    return ReportPortFailure(manager, path, e, 0, report);
   }
 }
 
@@ -352,6 +362,8 @@ int Serve(SessionManager& manager) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  // Before anything uses the class registry: reading the configuration needs the classes.
+  RegisterServiceClasses();
   Options options;
   if (const int code = ParseOptions(argc, argv, &options); code >= 0) return code;
   InstallSignals();

@@ -2,7 +2,7 @@
 // their objects by class number.
 #include "FWClassFactory.h"
 
-#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -104,21 +104,19 @@ std::unique_ptr<FWClass> SessionManagerClass() {
   return cls;
 }
 
-}  // namespace
-
-void FWApplication::Init() {
-  if (!classes_.empty()) throw FWEInternal(kSource, kInitTwiceLine);
-  std::vector<std::unique_ptr<FWClass>> made;
-  made.push_back(MonitoringPortClass());
-  made.push_back(ProxyPortClass());
-  made.push_back(SessionManagerClass());
-  classes_.reserve(made.size());
-  for (std::unique_ptr<FWClass>& cls : made) classes_.push_back(cls.release());
-  std::sort(classes_.begin(), classes_.end(), FWMemberCompare());
+// The records of the three classes, appended to the registry's list in the order made; the
+// registry sorts them.
+void FillClasses(std::vector<const FWClass*>& classes) {
+  if (!classes.empty()) throw FWEInternal(kSource, kInitTwiceLine);
+  std::unique_ptr<FWClass> made[] = {MonitoringPortClass(), ProxyPortClass(),
+                                     SessionManagerClass()};
+  // Room first, so that no record is released into a list that then fails to grow.
+  classes.reserve(std::size(made));
+  for (std::unique_ptr<FWClass>& cls : made) classes.push_back(cls.release());
 }
 
-FWObject* FWClass::NewInstance() const {
-  switch (GetNumber()) {
+FWObject* NewObject(int number) {
+  switch (number) {
     case kMonitoringPort:
       return new MonitoringPort();
     case kSessionManager:
@@ -127,3 +125,7 @@ FWObject* FWClass::NewInstance() const {
       throw FWEInternal(kSource, kNewInstanceLine);
   }
 }
+
+}  // namespace
+
+void RegisterServiceClasses() { FWApplication::SetClassFactory({&FillClasses, &NewObject}); }

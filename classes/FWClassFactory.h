@@ -1,7 +1,7 @@
-// The members that bind class metadata to the accessors of the service classes: a typed scalar
-// member over a value type and its owning class, and a typed object-list member over a container
-// of owned elements. The class factory (FWApplication::Init, FWClass::NewInstance, in
-// FWClassFactory.cpp) builds the registry's records from them.
+// The class factory of the service: RegisterServiceClasses hands the registry the records of the
+// configurable service classes and the construction of their objects. The records' members bind
+// class metadata to the accessors of the service classes: a typed scalar member over a value type
+// and its owning class, and a typed object-list member over a container of owned elements.
 #ifndef NORVANE_CLASSES_FWCLASSFACTORY_H_
 #define NORVANE_CLASSES_FWCLASSFACTORY_H_
 
@@ -12,6 +12,15 @@
 #include "FWIterator.h"
 #include "FWMember.h"
 #include "FWMemberObject.h"
+
+// Sets the service's class factory on the registry (FWApplication::SetClassFactory): the classes
+// MonitoringPort, ProxyPort and SessionManager with their members, and the construction of
+// MonitoringPort and SessionManager objects by class number. Call it first in main, before
+// anything uses the registry (a class lookup, the text form of a value): afterwards it throws
+// FWEInternal. A second fill of the registry throws FWEInternal ("classes/FWClassFactory", 115);
+// FWClass::NewInstance of ProxyPort, which is abstract, or of an unknown number throws
+// FWEInternal ("classes/FWClassFactory", 200).
+void RegisterServiceClasses();
 
 // A scalar member of class C with value type V (FWString or FWVariable<int>), read through C's
 // constant getter and written through C's setter. A member made by New() is bound to nothing, and

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <utility>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWStringUtils.h"
 #include "FeedTexts.h"
 #include "LoginGuard.h"

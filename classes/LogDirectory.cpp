@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
 #include "FWFile.h"
 #include "FWLogStream.h"

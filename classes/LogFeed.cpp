@@ -8,7 +8,6 @@
 #include <chrono>
 #include <utility>
 
-#include "FWFile.h"
 #include "FWLogStream.h"
 #include "FeedProtocol.h"
 

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWLogStream.h"
 #include "FWStringUtils.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <string>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWPublishSubscribe.h"
 #include "MonitoringSession.h"
 

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWLogStream.h"
 #include "FWMIMEParser.h"
 #include "FWSocket.h"

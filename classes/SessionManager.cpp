@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FWCounter.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
 #include "FWFile.h"
 #include "FWHeap.h"

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "FWClassFactory.h"
 #include "FWException.h"
 #include "FWIniParser.h"
 #include "SessionManager.h"
@@ -20,6 +21,12 @@ namespace {
 }
 
 }  // namespace
+
+// libFuzzer calls it once, before the first input: the registry learns the service classes.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  RegisterServiceClasses();
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // The daemon reads no bigger file.

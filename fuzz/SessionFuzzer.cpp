@@ -38,6 +38,7 @@
 #include <string>
 
 #include "FWBlowfish.h"
+#include "FWClassFactory.h"
 #include "FWException.h"
 #include "FWFeedCodec.h"
 #include "FuzzInput.h"
@@ -249,6 +250,12 @@ void RunPass(FuzzInput& in, LoginGuard& guard, LogFeeds& feeds, Connection* cons
 }
 
 }  // namespace
+
+// libFuzzer calls it once, before the first input: the registry learns the service classes.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  RegisterServiceClasses();
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Fixture fixture;

@@ -4,6 +4,7 @@
 
 #include "FWClass.h"
 #include "FWEnum.h"
+#include "FWException.h"
 #include "FWMember.h"
 
 namespace {
@@ -20,17 +21,33 @@ const Record* FindByName(const std::vector<const Record*>& sorted, const std::st
 
 }  // namespace
 
+FWApplication::ClassFactory FWApplication::factory_;
+bool FWApplication::built_ = false;
+
+void FWApplication::SetClassFactory(const ClassFactory& factory) {
+  if (built_) throw FWEInternal(FW_HERE);
+  factory_ = factory;
+}
+
 FWApplication& FWApplication::GetInstance() {
   // A function-local static: made on first use, destroyed at exit.
   static FWApplication instance;
   return instance;
 }
 
-FWApplication::FWApplication() { Init(); }
+FWApplication::FWApplication() {
+  built_ = true;
+  Init();
+}
 
 FWApplication::~FWApplication() {
   for (const FWClass* cls : classes_) delete cls;
   for (const FWEnum* enumeration : enums_) delete enumeration;
+}
+
+void FWApplication::Init() {
+  if (factory_.fill != nullptr) factory_.fill(classes_);
+  std::sort(classes_.begin(), classes_.end(), FWMemberCompare());
 }
 
 const FWClass* FWApplication::GetClass(const std::string& name) const {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "FWApplication.h"
+#include "FWException.h"
 #include "FWMember.h"
 #include "FWMemberObject.h"
 
@@ -154,6 +155,12 @@ bool FWClass::IsDerivedOf(const FWClass* other) const {
 bool FWClass::IsClassOf(const FWObject* object) const {
   if (object == nullptr) throw FWEAssertionFailed(kSource, kIsClassOfLine, std::string("Object"));
   return IsBaseOf(object->GetClass());
+}
+
+FWObject* FWClass::NewInstance() const {
+  const auto construct = FWApplication::GetClassFactory().construct;
+  if (construct == nullptr) throw FWEInternal(FW_HERE);
+  return construct(number_);
 }
 
 void FWClass::DeleteOwnMembers() {

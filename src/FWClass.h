@@ -50,7 +50,8 @@ class FWClass final : public FWObject {
   void SetBaseName(const FWString& base_name) { base_name_ = base_name; }
   FWString GetCaption() const { return caption_; }
   void SetCaption(const FWString& caption) { caption_ = caption; }
-  // Selects the constructor in NewInstance(): 1 MonitoringPort, 2 ProxyPort, 3 SessionManager.
+  // Selects the constructor in NewInstance(); the service's classes are 1 MonitoringPort,
+  // 2 ProxyPort, 3 SessionManager.
   int GetNumber() const { return number_; }
   void SetNumber(int number) { number_ = number; }
 
@@ -82,9 +83,10 @@ class FWClass final : public FWObject {
   // IsBaseOf applied to the object's class. Throws FWEAssertionFailed("Object") for a null object.
   bool IsClassOf(const FWObject* object) const;
 
-  // A new default object of the class; the caller owns it. Only MonitoringPort (1) and
-  // SessionManager (3) can be made; any other number (ProxyPort is abstract) throws FWEInternal
-  // ("classes/FWClassFactory", 200). Defined with the class factory.
+  // A new default object of the class, made by the registry's class factory from the class
+  // number; the caller owns it. The service's factory makes MonitoringPort (1) and
+  // SessionManager (3); any other number (ProxyPort is abstract) throws FWEInternal
+  // ("classes/FWClassFactory", 200). Without a factory it throws FWEInternal.
   FWObject* NewInstance() const;
 
  private:

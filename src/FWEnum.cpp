@@ -55,11 +55,6 @@ void FWEnum::Copy(const FWEnum& other) {
 
 void FWEnum::Initialize() {}
 
-void FWEnum::AddValue(const std::string& caption, const std::string& description) {
-  captions_.push_back(caption);
-  descriptions_.push_back(description);
-}
-
 std::string FWEnum::GetCaption(int index) const {
   if (index < 0) return "";
   const auto position = static_cast<std::size_t>(index);

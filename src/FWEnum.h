@@ -36,8 +36,6 @@ class FWEnum final : public FWObject {
   void SetName(const FWString& name) { name_ = name; }
   const std::vector<std::string>& GetCaptions() const { return captions_; }
   const std::vector<std::string>& GetDescriptions() const { return descriptions_; }
-  // Appends a value; its number is its position.
-  void AddValue(const std::string& caption, const std::string& description);
 
   // The caption of the value with that number; "" for a number below 0 or at or past the end.
   std::string GetCaption(int index) const;

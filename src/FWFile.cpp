@@ -4,11 +4,17 @@
 #include <stdlib.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWStringUtils.h"
+
+namespace {
+
+// The line that a directory's open failure has always carried.
+constexpr unsigned kOpenLine = 78;
+
+}  // namespace
 
 std::string FWFileName::GetDirectory(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -75,7 +81,7 @@ void FWDirectory::Open(const std::string& path) {
   dir_ = ::opendir(FWFileName::SlashForce(path).c_str());
   if (dir_ != nullptr) return;
   const int error = errno;
-  throw FWESystemException("FWFile", __LINE__, GetErrorMessage(error));
+  throw FWESystemException("FWFile", kOpenLine, GetErrorMessage(error), error, path);
 }
 
 // readdir keeps returning null once the end is reached, so "" repeats after the end.
@@ -91,25 +97,6 @@ void FWDirectory::Close() {
   // The stream was only read; a failing closedir leaves nothing to undo.
   (void)::closedir(dir_);
   dir_ = nullptr;
-}
-
-namespace {
-
-// The two forms of strerror_r: the GNU one returns the text (in buffer or a static string), the
-// POSIX one fills buffer and returns 0 or an error number. The C library declares one of them,
-// so the other overload goes unused.
-[[maybe_unused]] const char* StrerrorText(const char* text, const char* /*buffer*/) { return text; }
-[[maybe_unused]] const char* StrerrorText(int result, const char* buffer) {
-  return result == 0 ? buffer : "Unknown error";
-}
-
-}  // namespace
-
-// strerror_r rather than strerror, whose buffer is shared: the worker thread uses this too.
-std::string GetErrorMessage(int error) {
-  char buffer[256] = {};
-  const std::string text = StrerrorText(::strerror_r(error, buffer, sizeof(buffer)), buffer);
-  return FWStringUtils::Trim(text);
 }
 
 bool DeleteDir(const char* directory) {

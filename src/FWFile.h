@@ -1,5 +1,5 @@
-// File names (textual operations on "/"-separated paths), directory listing and system error
-// texts.
+// File names (textual operations on "/"-separated paths) and directory listing. The system's
+// error texts are in FWErrorMessage.h.
 #ifndef NORVANE_SRC_FWFILE_H_
 #define NORVANE_SRC_FWFILE_H_
 
@@ -37,7 +37,8 @@ class FWDirectory {
   FWDirectory& operator=(const FWDirectory&) = delete;
 
   // Closes a stream still open, then opens SlashForce(path). Throws FWESystemException, source
-  // "FWFile", with the system's error text on failure.
+  // "FWFile", with the system's error text on failure; its errno and its object, the path as
+  // given, are its facts.
   void Open(const std::string& path);
   // The next entry name in system order ("." and ".." included); "" at the end, and after it.
   std::string NextName();
@@ -47,9 +48,6 @@ class FWDirectory {
   DIR* dir_ = nullptr;  // owned
 };
 
-// The system's text for the error number (strerror) without leading or trailing white space.
-// Thread-safe (strerror_r): the one errno-to-text helper of the project.
-std::string GetErrorMessage(int error);
 // Runs "rm -rf <directory>/" and returns true when its status is 0. The service does not call it.
 bool DeleteDir(const char* directory);
 

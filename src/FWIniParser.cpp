@@ -45,6 +45,9 @@ struct FWIniParser::ReaderState {
   std::unique_ptr<FWObject>& result;
 };
 
+FWEIniParseError::FWEIniParseError(unsigned line, const std::string& reason)
+    : FWEOperationFailed(kSource, line, std::string("parse"), reason) {}
+
 FWIniParser::FWIniParser(const std::string& version, bool tolerant)
     : tolerant_(tolerant), supported_version_(version) {}
 
@@ -210,7 +213,7 @@ void FWIniParser::ReadOwnHeader(const std::string& line, ReaderState& state) {
 }
 
 void FWIniParser::FailParse(const std::string& reason) const {
-  throw FWEOperationFailed(kSource, line_number_, std::string("parse"), reason);
+  throw FWEIniParseError(line_number_, reason);
 }
 
 std::string FWIniParser::Serialize(const FWObject* object) const {

@@ -6,9 +6,8 @@
 // Reading, line by line after stripping white space at both ends: blank lines and lines starting
 // with ";" or "#" are skipped; the first significant line must hold "FileVersion=" with the
 // supported version; then the root header and its keys, then the nested sections of its object
-// lists. A repeated header ends the element before it. A failure is FWEOperationFailed, operation
-// "parse", from source "src/FWIniParser" with the text's line number as the line; the objects
-// made before it are released.
+// lists. A repeated header ends the element before it. A text that breaks the grammar raises
+// FWEIniParseError; the objects made before it are released.
 #ifndef NORVANE_SRC_FWINIPARSER_H_
 #define NORVANE_SRC_FWINIPARSER_H_
 
@@ -17,10 +16,20 @@
 #include <memory>
 #include <string>
 
+#include "FWException.h"
 #include "FWParser.h"
 
 class FWClass;
 class FWObject;
+
+// A text that breaks the grammar: FWEOperationFailed with operation "parse", the failure the
+// format has always raised, from source "src/FWIniParser" with the text's line number as its
+// line. A type of its own, so that a caller can tell a bad line from a file that cannot be loaded
+// or an object that cannot be made.
+class FWEIniParseError final : public FWEOperationFailed {
+ public:
+  FWEIniParseError(unsigned line, const std::string& reason);
+};
 
 class FWIniParser final : public FWParser {
  public:
@@ -36,8 +45,8 @@ class FWIniParser final : public FWParser {
   // of FWStringUtils::SaveToFile propagate. Otherwise target receives the text with "\n" ends.
   void GenerateFromList(const std::list<const FWObject*>& objects, std::string& target,
                         bool to_file) override;
-  // Appends at most one object, the root of the text. Throws FWEOperationFailed("parse", ...) for
-  // a text that breaks the grammar, and (without the tolerant flag) the load errors of
+  // Appends at most one object, the root of the text. Throws FWEIniParseError for a text that
+  // breaks the grammar, and (without the tolerant flag) the load errors of
   // FWStringUtils::LoadFromFile.
   void ParseToList(std::list<FWObject*>& objects, const std::string& source,
                    bool from_file) override;

@@ -123,8 +123,6 @@ class ObjectIterator {
   }
   bool operator!=(const ObjectIterator& other) const { return !(*this == other); }
 
-  const VirtualAccessor& GetAccessor() const { return *accessor_; }
-
  private:
   std::unique_ptr<VirtualAccessor> accessor_;
 };

@@ -1,4 +1,6 @@
-// The mail and MIME parser. The service uses only its clock text.
+// The mail-style clock text ("Tue, 03 May 2005 14:07:09 +0200") that the start-up log and the
+// sessions show. That is all this unit holds: the class keeps its historical name, but there is
+// no mail or MIME parser here.
 #ifndef NORVANE_SRC_FWMIMEPARSER_H_
 #define NORVANE_SRC_FWMIMEPARSER_H_
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 

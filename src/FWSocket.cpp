@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 #include "FWStringUtils.h"
 
 namespace {
@@ -49,12 +49,26 @@ const sockaddr* AsSockaddr(const sockaddr_in& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
+// The socket's own address as AddressText gives it; "" when it has none (not bound, not an
+// IPv4 socket, not a socket). Called on failure paths, after errno has been saved.
+std::string OwnAddressText(int socket) {
+  sockaddr_in address{};
+  socklen_t length = sizeof(address);
+  if (::getsockname(socket, AsSockaddr(address), &length) != 0) return "";
+  if (address.sin_family != AF_INET || address.sin_port == 0) return "";
+  return FWSocketManager::AddressText(address);
+}
+
 }  // namespace
 
 std::string FWSocketManager::Dotted(const in_addr& address) {
   char buffer[INET_ADDRSTRLEN];
   if (inet_ntop(AF_INET, &address, buffer, sizeof(buffer)) == nullptr) return "";
   return buffer;
+}
+
+std::string FWSocketManager::AddressText(const sockaddr_in& address) {
+  return Dotted(address.sin_addr) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
 FWSocketManager& FWSocketManager::GetInstance() {
@@ -66,7 +80,8 @@ int FWSocketManager::Accept(int listening) const {
   const int fd = ::accept(listening, nullptr, nullptr);
   if (fd < 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error));
+    throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error), error,
+                         OwnAddressText(listening));
   }
   return fd;
 }
@@ -80,7 +95,8 @@ int FWSocketManager::AcceptNonBlocking(int listening, int& error) const {
   error = errno;
   const bool nothing_pending = IsTransient(error) || error == ECONNABORTED || error == EPROTO;
   if (nothing_pending || IsResourceShortage(error)) return -1;
-  throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error));
+  throw FWESocketError(kSource, kAcceptLine, "accept", GetErrorMessage(error), error,
+                       OwnAddressText(listening));
 }
 
 bool FWSocketManager::IsResourceShortage(int error) {
@@ -97,7 +113,7 @@ void FWSocketManager::AddressCreate(sockaddr_in& address, const std::string& ser
       const hostent* entry = gethostbyname(server.c_str());
       if (entry == nullptr || entry->h_addr_list[0] == nullptr) {
         const int error = h_errno;
-        throw FWESocketError(kSource, kHostNotFoundLine, server, hstrerror(error));
+        throw FWESocketError(kSource, kHostNotFoundLine, server, hstrerror(error), 0, server);
       }
       std::memcpy(&host, entry->h_addr_list[0], sizeof(host));
     }
@@ -111,7 +127,7 @@ void FWSocketManager::AddressCreate(sockaddr_in& address, const std::string& ser
   const servent* service = getservbyname(port.c_str(), protocol.c_str());
   if (service == nullptr) {
     const int error = errno;
-    throw FWESocketError(kSource, kServiceNotFoundLine, port, GetErrorMessage(error));
+    throw FWESocketError(kSource, kServiceNotFoundLine, port, GetErrorMessage(error), error, port);
   }
   // s_port holds the 16-bit port already in network order.
   address.sin_port = static_cast<in_port_t>(service->s_port);
@@ -121,7 +137,7 @@ void FWSocketManager::AddressOfPeer(sockaddr_in& address, int socket) const {
   socklen_t length = sizeof(address);
   if (::getpeername(socket, AsSockaddr(address), &length) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kPeerNameLine, "getpeername", GetErrorMessage(error));
+    throw FWESocketError(kSource, kPeerNameLine, "getpeername", GetErrorMessage(error), error);
   }
 }
 
@@ -129,7 +145,7 @@ void FWSocketManager::AddressOfSocket(sockaddr_in& address, int socket) const {
   socklen_t length = sizeof(address);
   if (::getsockname(socket, AsSockaddr(address), &length) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kSocketNameLine, "getsockname", GetErrorMessage(error));
+    throw FWESocketError(kSource, kSocketNameLine, "getsockname", GetErrorMessage(error), error);
   }
 }
 
@@ -139,7 +155,8 @@ void FWSocketManager::Bind(int socket, const sockaddr_in& address) const {
   (void)::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
   if (::bind(socket, AsSockaddr(address), sizeof(address)) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kBindLine, "bind", GetErrorMessage(error));
+    throw FWESocketError(kSource, kBindLine, "bind", GetErrorMessage(error), error,
+                         AddressText(address));
   }
 }
 
@@ -156,19 +173,20 @@ void FWSocketManager::Connect(int socket, const sockaddr_in& address) const {
     error = errno;
   } while (result != 0 && error == EINTR);
   if (result == 0 || error == EINPROGRESS) return;
-  throw FWESocketError(kSource, kConnectLine, "connect", GetErrorMessage(error));
+  throw FWESocketError(kSource, kConnectLine, "connect", GetErrorMessage(error), error,
+                       AddressText(address));
 }
 
 int FWSocketManager::CreateSocket(const std::string& protocol) const {
   const protoent* entry = getprotobyname(protocol.c_str());
   if (entry == nullptr) {
-    throw FWESocketError(kSource, kUnknownProtocolLine, protocol, "unknown protocol");
+    throw FWESocketError(kSource, kUnknownProtocolLine, protocol, "unknown protocol", 0, protocol);
   }
   const int type = protocol == "tcp" ? SOCK_STREAM : SOCK_DGRAM;
   const int fd = ::socket(AF_INET, type, entry->p_proto);
   if (fd < 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kSocketLine, "socket", GetErrorMessage(error));
+    throw FWESocketError(kSource, kSocketLine, "socket", GetErrorMessage(error), error);
   }
   return fd;
 }
@@ -199,7 +217,7 @@ std::string FWSocketManager::GetHostByAddress(const std::string& address) const 
   socket_address.sin_family = AF_INET;
   socket_address.sin_addr.s_addr = inet_addr(address.c_str());
   if (socket_address.sin_addr.s_addr == INADDR_NONE) {
-    throw FWESocketError(kSource, kBadHostAddressLine, "invalid argument", address);
+    throw FWESocketError(kSource, kBadHostAddressLine, "invalid argument", address, 0, address);
   }
   return GetHostByAddress(socket_address);
 }
@@ -208,7 +226,8 @@ std::string FWSocketManager::GetHostByAddress(const sockaddr_in& address) const 
   const hostent* entry = gethostbyaddr(&address.sin_addr, 4, AF_INET);
   if (entry == nullptr) {
     const int error = h_errno;
-    throw FWESocketError(kSource, kHostByAddressLine, Dotted(address.sin_addr), hstrerror(error));
+    const std::string dotted = Dotted(address.sin_addr);
+    throw FWESocketError(kSource, kHostByAddressLine, dotted, hstrerror(error), 0, dotted);
   }
   return entry->h_name;
 }
@@ -217,7 +236,7 @@ std::string FWSocketManager::GetHostByName(const std::string& name) const {
   const hostent* entry = gethostbyname(name.c_str());
   if (entry == nullptr || entry->h_addr_list[0] == nullptr) {
     const int error = h_errno;
-    throw FWESocketError(kSource, kHostByNameLine, name, hstrerror(error));
+    throw FWESocketError(kSource, kHostByNameLine, name, hstrerror(error), 0, name);
   }
   in_addr first;
   std::memcpy(&first, entry->h_addr_list[0], sizeof(first));
@@ -260,7 +279,8 @@ void FWSocketManager::Listen(int socket, unsigned int backlog) const {
   const int limited = static_cast<int>(std::min<unsigned int>(backlog, INT_MAX));
   if (::listen(socket, limited) != 0) {
     const int error = errno;
-    throw FWESocketError(kSource, kListenLine, "listen", GetErrorMessage(error));
+    throw FWESocketError(kSource, kListenLine, "listen", GetErrorMessage(error), error,
+                         OwnAddressText(socket));
   }
 }
 
@@ -269,7 +289,7 @@ bool FWSocketManager::IsAddressLocal(const std::string& address) const {
   socket_address.sin_family = AF_INET;
   socket_address.sin_addr.s_addr = inet_addr(address.c_str());
   if (socket_address.sin_addr.s_addr == INADDR_NONE) {
-    throw FWESocketError(kSource, kBadLocalAddressLine, "invalid argument", address);
+    throw FWESocketError(kSource, kBadLocalAddressLine, "invalid argument", address, 0, address);
   }
   return IsAddressLocal(socket_address);
 }
@@ -295,7 +315,7 @@ int FWSocketManager::Recv(int socket, std::string& data, bool& try_again) const 
     try_again = true;
     return 0;
   }
-  throw FWESocketError(kSource, kReceiveLine, "receive", GetErrorMessage(error));
+  throw FWESocketError(kSource, kReceiveLine, "receive", GetErrorMessage(error), error);
 }
 
 int FWSocketManager::Send(int socket, std::string& data, bool& try_again) const {
@@ -314,7 +334,7 @@ int FWSocketManager::Send(int socket, std::string& data, bool& try_again) const 
     try_again = true;
     return 0;
   }
-  throw FWESocketError(kSource, kSendLine, "send", GetErrorMessage(error));
+  throw FWESocketError(kSource, kSendLine, "send", GetErrorMessage(error), error);
 }
 
 void FWSocketManager::SetBlocking(int socket, bool blocking) const {

@@ -1,6 +1,11 @@
 // The one place that talks to the system's IPv4 socket and resolver interfaces. Everyone else
 // holds plain descriptors and sockaddr_in addresses and calls the socket manager; every failure
 // is an FWESocketError from source "src/FWSocket" with the line the message has always carried.
+// Beside its text "(where) reason" it carries the facts (FWSystemFacts): the errno of a failed
+// call (0 for resolver misses, unknown protocols and malformed addresses) and the object: the
+// address a call was given (bind, connect), the listening socket's own address (accept,
+// listen), or the host, service, protocol or address text looked up; "" for the other calls on a
+// descriptor (receive, send, socket, getpeername, getsockname).
 #ifndef NORVANE_SRC_FWSOCKET_H_
 #define NORVANE_SRC_FWSOCKET_H_
 
@@ -25,6 +30,8 @@ class FWSocketManager final {
   static FWSocketManager& GetInstance();
   // The address in dotted form ("127.0.0.1"); "" when it cannot be written.
   static std::string Dotted(const in_addr& address);
+  // The address and port as "127.0.0.1:9080": the object of a failure about that address.
+  static std::string AddressText(const sockaddr_in& address);
 
   FWSocketManager(const FWSocketManager&) = delete;
   FWSocketManager& operator=(const FWSocketManager&) = delete;
@@ -87,8 +94,8 @@ class FWSocketManager final {
   int Send(int socket, std::string& data, bool& try_again) const;
   // Clears (blocking) or sets (non-blocking) O_NONBLOCK; never fails.
   void SetBlocking(int socket, bool blocking) const;
-  // The system's text for the current errno: GetErrorMessage(errno) (FWFile.h), kept for the
-  // session manager's poll failure.
+  // The system's text for the current errno: GetErrorMessage(errno) (FWErrorMessage.h), kept for
+  // the session manager's poll failure.
   std::string SocketError() const;
 
  private:

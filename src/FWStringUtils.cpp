@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 
 namespace {
 
@@ -345,7 +345,10 @@ void FWStringUtils::LoadFromFile(std::string& text, const std::string& file_name
                                  std::size_t max_size) {
   text.clear();
   FilePtr file(std::fopen(file_name.c_str(), "rb"));
-  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("read"), GetErrorMessage(errno));
+  if (!file) {
+    const int error = errno;
+    throw FWECantOpen(FW_HERE, file_name, std::string("read"), GetErrorMessage(error), error);
+  }
   std::vector<char> chunk(kLoadChunkSize);
   for (;;) {
     const std::size_t read = std::fread(chunk.data(), 1, chunk.size(), file.get());
@@ -362,7 +365,10 @@ void FWStringUtils::LoadFromFile(std::string& text, const std::string& file_name
 
 void FWStringUtils::SaveToFile(const std::string& text, const std::string& file_name) {
   FilePtr file(std::fopen(file_name.c_str(), "wb"));
-  if (!file) throw FWECantOpen(FW_HERE, file_name, std::string("write"), GetErrorMessage(errno));
+  if (!file) {
+    const int error = errno;
+    throw FWECantOpen(FW_HERE, file_name, std::string("write"), GetErrorMessage(error), error);
+  }
   const std::size_t written = std::fwrite(text.data(), 1, text.size(), file.get());
   if (written < text.size()) {
     throw FWEOperationFailed(FW_HERE, std::string("write"), GetErrorMessage(errno));

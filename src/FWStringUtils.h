@@ -57,11 +57,12 @@ class FWStringUtils {
   static bool MatchList(const std::string& patterns, const std::string& text);
   static std::string HTTPEscape(const std::string& s, bool space_as_plus);
 
-  // Reads the whole file into text. Throws FWECantOpen (mode "read") when it cannot be opened and
-  // FWESizeExceeded when it holds more than max_size bytes.
+  // Reads the whole file into text. Throws FWECantOpen (mode "read", with the errno and the file
+  // name as its facts) when it cannot be opened, FWESizeExceeded when it holds more than max_size
+  // bytes and FWEOperationFailed ("read") when reading fails.
   static void LoadFromFile(std::string& text, const std::string& file_name, std::size_t max_size);
-  // Replaces the file with text. Throws FWECantOpen (mode "write") or, on a short write,
-  // FWEOperationFailed ("write").
+  // Replaces the file with text. Throws FWECantOpen (mode "write", with the errno and the file
+  // name as its facts) or, on a short write, FWEOperationFailed ("write").
   static void SaveToFile(const std::string& text, const std::string& file_name);
 
   // --- Instance operations: tables and formats built from a locale. ---

@@ -4,8 +4,8 @@
 #include <pthread.h>
 #include <time.h>
 
+#include "FWErrorMessage.h"
 #include "FWException.h"
-#include "FWFile.h"
 
 namespace {
 

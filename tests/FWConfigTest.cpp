@@ -3,6 +3,7 @@
 // the session pool needs. How norvaned reports all this is in NorvanedTest.
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,9 +12,11 @@
 
 #include "FWApplication.h"
 #include "FWClass.h"
+#include "FWClassFactory.h"
 #include "FWException.h"
 #include "FWIniParser.h"
 #include "FWMember.h"
+#include "FWMemberObject.h"
 #include "FWStringUtils.h"
 #include "MonitoringPort.h"
 #include "SessionManager.h"
@@ -122,6 +125,33 @@ TEST(FWConfigTest, GrammarCornersAndFailures) {
   for (const auto& [text, expected] : cases) EXPECT_EQ(Parse(text), expected) << text;
 }
 
+// A bad line is an FWEIniParseError at its line; a file that cannot be read, or a section the
+// registry cannot make an object for, fails with an error of another type.
+TEST(FWConfigTest, OnlyGrammarFailuresAreIniParseErrors) {
+  const auto parse = [](const std::string& text, bool is_file) {
+    SessionManager manager;
+    try {
+      FWIniParser("1.0", false).ParseToObject(manager, text, is_file);
+    } catch (const FWEIniParseError& e) {
+      return "grammar: " + e.GetFullText();
+    } catch (const FWECantOpen& e) {
+      return "load: " + e.GetObject() + " " + std::to_string(e.GetErrno());
+    } catch (const FWException& e) {
+      return "other: " + e.GetFullText();
+    }
+    return std::string("parsed");
+  };
+  EXPECT_EQ(parse("FileVersion=1.0\n[SessionManager]\n\nMaxLogFileDays 3\n", false),
+            "grammar: Parse operation failed (parse error: MaxLogFileDays 3) (src/FWIniParser: 4)");
+  EXPECT_EQ(parse("FileVersion=2.0\n", false),
+            "grammar: Parse operation failed (version not supported) (src/FWIniParser: 1)");
+  const testutil::TempDir dir;
+  EXPECT_EQ(parse(dir.File("missing.cf"), true),
+            "load: " + dir.File("missing.cf") + " " + std::to_string(ENOENT));
+  EXPECT_EQ(parse("FileVersion=1.0\n[SessionManager]\n[SessionManager\\Ports\\ProxyPort]\n", false),
+            "other: Internal consistency error (classes/FWClassFactory: 200)");
+}
+
 TEST(FWConfigTest, FileOfExactly100000BytesIsReadAndOneByteMoreIsNot) {
   testutil::TempDir dir;
   const std::string path = dir.File("Norvane.cf");
@@ -149,4 +179,110 @@ TEST(FWConfigTest, SoftDescriptorLimitIsRaisedForTheSessionPool) {
   EXPECT_EQ(manager.GetPoolSize(), 508);
   EXPECT_EQ(manager.FitDescriptorLimit(), "");
   EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+}
+
+// ---- The class registry: what the service's class factory tells it ----
+
+namespace {
+
+// "Name(base, "caption", number)" of each class, in registry order.
+std::string ClassList() {
+  std::string text;
+  for (const FWClass* cls : FWApplication::GetInstance().GetClasses()) {
+    text += cls->GetName() + "(" + cls->GetBaseName() + ", \"" + cls->GetCaption() + "\", " +
+            std::to_string(cls->GetNumber()) + ") ";
+  }
+  return text;
+}
+
+// One line per own member in the order added: name, type, size, required, caption, description;
+// then the object members: name, element class, multiplicity, required, caption, description.
+std::string OwnMembers(const std::string& class_name) {
+  const FWClass* cls = FWApplication::GetInstance().GetClass(class_name);
+  if (cls == nullptr) return "no class " + class_name;
+  std::string text;
+  for (const FWMember* m : cls->GetOwnMembers()) {
+    text += m->GetName() + " " + m->GetTypeName() + " " + m->GetSize().GetAsString() + " " +
+            m->GetRequired().GetAsString() + " \"" + m->GetCaption() + "\" \"" +
+            m->GetDescription() + "\"\n";
+  }
+  for (const FWMemberObject* m : cls->GetOwnMemberObjects()) {
+    text += m->GetName() + " " + m->GetTypeName() + " " + m->GetMultiplicity() + " " +
+            m->GetRequired().GetAsString() + " \"" + m->GetCaption() + "\" \"" +
+            m->GetDescription() + "\"\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+TEST(FWConfigTest, RegistryHoldsTheThreeServiceClassesSortedByName) {
+  EXPECT_EQ(ClassList(),
+            "MonitoringPort(ProxyPort, \"Norvane Settings\", 1) ProxyPort(FWObject, \"\", 2) "
+            "SessionManager(FWObject, \"\", 3) ");
+  const FWApplication& registry = FWApplication::GetInstance();
+  EXPECT_EQ(registry.GetClass("ProxyPort"), registry.GetClasses()[1]);
+  for (const char* absent : {"proxyport", "", "FWObject", "MonitoringSession"}) {
+    EXPECT_EQ(registry.GetClass(absent), nullptr) << absent;
+    EXPECT_EQ(registry.GetEnum(absent), nullptr) << absent;
+  }
+}
+
+// The vocabulary of the configuration file. "were" and the class caption repeated for
+// MonitoringInterval and User are what users have always been shown.
+TEST(FWConfigTest, EachClassDescribesItsOwnMembersInTheOrderAdded) {
+  EXPECT_EQ(OwnMembers("MonitoringPort"),
+            "DocumentRoot FWString 0 1 \"Log File Path\" \"The file system path were to look for "
+            "log files.\"\n"
+            "MonitoringInterval FWInteger 0 0 \"Norvane Settings\" \"\"\n"
+            "Password FWString 0 1 \"Password\" \"The password a client must submit to connect "
+            "log feeds.\"\n"
+            "SearchPattern FWString 0 1 \"Log File Search Pattern\" \"The search pattern used to "
+            "find log files.\"\n"
+            "User FWString 0 0 \"Norvane Settings\" \"\"\n");
+  EXPECT_EQ(OwnMembers("ProxyPort"),
+            "IncomingConnectionCount FWInteger 0 0 \"\" \"\"\n"
+            "IncomingPort FWString 0 1 \"Port\" \"The port used by Norvane to listen for incoming "
+            "client connections.\"\n"
+            "IncomingServer FWString 0 0 \"Interface IP\" \"The IP address of the interface used "
+            "by Norvane to listen for incoming client connections.\"\n"
+            "IncomingTimeout FWInteger 0 0 \"\" \"\"\n"
+            "KeepAliveTimeout FWInteger 0 0 \"\" \"\"\n"
+            "Name FWString 30 0 \"\" \"\"\n"
+            "OutgoingConnectionCount FWInteger 0 0 \"\" \"\"\n"
+            "OutgoingPort FWString 0 0 \"\" \"\"\n"
+            "OutgoingServer FWString 0 0 \"\" \"\"\n"
+            "OutgoingTimeout FWInteger 0 0 \"\" \"\"\n");
+  EXPECT_EQ(OwnMembers("SessionManager"),
+            "MaxLogFileDays FWInteger 0 0 \"\" \"\"\n"
+            "MaxLogFileSize FWInteger 0 0 \"\" \"\"\n"
+            "Ports ProxyPort n 0 \"\" \"\"\n");
+}
+
+// The factory fills the registry once, and constructs only the concrete classes.
+TEST(FWConfigTest, FactoryFillsOnceAndConstructsOnlyConcreteClasses) {
+  FWApplication& registry = FWApplication::GetInstance();
+  const std::string before = ClassList();
+  try {
+    registry.Init();
+    ADD_FAILURE() << "a second fill succeeded";
+  } catch (const FWEInternal& e) {
+    EXPECT_EQ(e.GetFullText(), "Internal consistency error (classes/FWClassFactory: 115)");
+  }
+  EXPECT_EQ(ClassList(), before);
+  try {
+    delete registry.GetClass("ProxyPort")->NewInstance();
+    ADD_FAILURE() << "an abstract ProxyPort was made";
+  } catch (const FWEInternal& e) {
+    EXPECT_EQ(e.GetFullText(), "Internal consistency error (classes/FWClassFactory: 200)");
+  }
+  const std::unique_ptr<FWObject> port(registry.GetClass("MonitoringPort")->NewInstance());
+  ASSERT_NE(dynamic_cast<MonitoringPort*>(port.get()), nullptr);
+  EXPECT_EQ(Settings(*port), kDefaultPort);
+  const std::unique_ptr<FWObject> root(registry.GetClass("SessionManager")->NewInstance());
+  ASSERT_NE(dynamic_cast<SessionManager*>(root.get()), nullptr);
+  EXPECT_EQ(Settings(*root), kDefaultRoot);
+  // The registry exists: its factory can no longer change.
+  EXPECT_THROW(RegisterServiceClasses(), FWEInternal);
+  EXPECT_EQ(ClassList(), before);
 }

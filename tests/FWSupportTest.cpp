@@ -1,12 +1,14 @@
 // The framework parts that operators meet only through the daemon: file name patterns
-// (SearchPattern), port texts (IncomingPort) and the update check's HTTP
-// exchange.
+// (SearchPattern), port texts (IncomingPort) and the update check's HTTP exchange; and the class
+// registry of a program that is not the daemon (this suite does not link the service classes).
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,7 +16,12 @@
 
 #include <gtest/gtest.h>
 
+#include "FWApplication.h"
+#include "FWClass.h"
+#include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
+#include "FWFile.h"
 #include "FWProduct.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
@@ -62,6 +69,130 @@ TEST(FWSupportTest, PortIsANumberFrom1To65535OrAServiceName) {
   for (const char* port : {"0", "65536", "nosuchservice"}) {
     EXPECT_THROW(sockets.AddressCreate(address, "", port, "tcp"), FWESocketError) << port;
   }
+}
+
+// The framework names no service class: without a class factory the registry is empty, and a
+// class record has nothing to construct its objects with.
+TEST(FWSupportTest, RegistryWithoutAClassFactoryHoldsNoClass) {
+  const FWApplication& registry = FWApplication::GetInstance();
+  EXPECT_TRUE(registry.GetClasses().empty());
+  EXPECT_EQ(registry.GetClass("SessionManager"), nullptr);
+  FWClass record;
+  record.SetName(FWString("MonitoringPort"));
+  record.SetNumber(1);
+  EXPECT_THROW(delete record.NewInstance(), FWEInternal);
+}
+
+// ---- System errors as data ----
+
+// What `call` threw as "text|errno|object|reason", for a failure of type E.
+template <typename E>
+std::string Facts(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const E& e) {
+    return e.GetText() + "|" + std::to_string(e.GetErrno()) + "|" + e.GetObject() + "|" +
+           e.GetReason();
+  } catch (const FWException& e) {
+    return "another failure: " + e.GetText();
+  }
+  return "no failure";
+}
+
+// Beside the text the logs have always shown, a socket failure carries the errno, the address or
+// name it was about, and the system's reason without the "(call) " in front.
+TEST(FWSupportTest, SocketFailuresCarryErrnoObjectAndReason) {
+  const FWSocketManager& sockets = FWSocketManager::GetInstance();
+  const testutil::LoopbackListener taken;
+  const std::string busy = std::to_string(taken.Port());
+  const std::string closed = std::to_string(testutil::FreePort());
+  // Binds a fresh TCP socket (UDP for "udp:") to host:port, then listens on it.
+  const auto bind_and_listen = [&](const std::string& host, const std::string& port,
+                                   const std::string& protocol = "tcp") {
+    const FWDescriptor socket(sockets.CreateSocket(protocol));
+    sockaddr_in address{};
+    sockets.AddressCreate(address, host, port, protocol);
+    sockets.Bind(socket.Get(), address);
+    sockets.Listen(socket.Get(), 1);
+  };
+  const auto connect = [&](const std::string& port) {
+    const FWDescriptor socket(sockets.CreateSocket("tcp"));
+    sockaddr_in address{};
+    sockets.AddressCreate(address, "127.0.0.1", port, "tcp");
+    sockets.Connect(socket.Get(), address);
+  };
+  const auto number = [](int error) { return "|" + std::to_string(error) + "|"; };
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { bind_and_listen("127.0.0.1", busy); }, "(bind) Address already in use" +
+                                                        number(EADDRINUSE) + "127.0.0.1:" + busy +
+                                                        "|Address already in use"},
+      {[&] { bind_and_listen("192.0.2.1", "4000"); },  // an address of no interface here
+       "(bind) Cannot assign requested address" + number(EADDRNOTAVAIL) +
+           "192.0.2.1:4000|Cannot assign requested address"},
+      {[&] { connect(closed); }, "(connect) Connection refused" + number(ECONNREFUSED) +
+                                     "127.0.0.1:" + closed + "|Connection refused"},
+      // A datagram socket cannot listen: the object is the address it is bound to.
+      {[&] { bind_and_listen("127.0.0.1", busy, "udp"); },
+       "(listen) Operation not supported" + number(EOPNOTSUPP) + "127.0.0.1:" + busy +
+           "|Operation not supported"},
+      {[&] { (void)sockets.Accept(-1); },
+       "(accept) Bad file descriptor" + number(EBADF) + "|Bad file descriptor"},
+      {[&] { (void)sockets.CreateSocket("nosuchprotocol"); },
+       "(nosuchprotocol) unknown protocol|0|nosuchprotocol|unknown protocol"},
+      {[&] { (void)sockets.IsAddressLocal("10.0.0.300"); },
+       "(invalid argument) 10.0.0.300|0|10.0.0.300|10.0.0.300"},
+  };
+  for (const auto& [call, expected] : cases) {
+    EXPECT_EQ(Facts<FWESocketError>(call), expected);
+  }
+  std::string data;
+  bool try_again = false;
+  EXPECT_EQ(Facts<FWESocketError>([&] { (void)sockets.Recv(-1, data, try_again); }),
+            "(receive) Bad file descriptor" + number(EBADF) + "|Bad file descriptor");
+  // A service the services database lacks: the reason is whatever errno the look-up left.
+  sockaddr_in address{};
+  try {
+    sockets.AddressCreate(address, "", "nosuchservice", "tcp");
+    ADD_FAILURE() << "nosuchservice resolved";
+  } catch (const FWESocketError& e) {
+    EXPECT_EQ(e.GetObject(), "nosuchservice");
+    EXPECT_EQ(e.GetReason(), GetErrorMessage(e.GetErrno()));
+    EXPECT_EQ(e.GetText(), "(nosuchservice) " + e.GetReason());
+  }
+}
+
+// A file or directory that cannot be opened names its path and errno beside the text.
+TEST(FWSupportTest, FileFailuresCarryErrnoPathAndReason) {
+  const testutil::TempDir dir;
+  const std::string file = dir.File("plain");
+  testutil::WriteFile(file, "x");
+  const std::string missing = dir.File("missing");
+  const std::string under_file = file + "/x";  // ENOTDIR, which root cannot get around
+  const auto open_directory = [](const std::string& path) {
+    return [path] { FWDirectory().Open(path); };
+  };
+  const auto load = [](const std::string& path) {
+    return [path] {
+      std::string text;
+      FWStringUtils::LoadFromFile(text, path, 100);
+    };
+  };
+  const std::string report = ", please report this error to the software vendor";
+  const auto number = [](int error) { return "|" + std::to_string(error) + "|"; };
+  EXPECT_EQ(Facts<FWESystemException>(open_directory(missing)),
+            "No such file or directory" + report + number(ENOENT) + missing +
+                "|No such file or directory");
+  EXPECT_EQ(Facts<FWESystemException>(open_directory(file)),
+            "Not a directory" + report + number(ENOTDIR) + file + "|Not a directory");
+  EXPECT_EQ(Facts<FWECantOpen>(load(missing)),
+            "Cannot open file " + missing + " mode=read (No such file or directory)" +
+                number(ENOENT) + missing + "|No such file or directory");
+  EXPECT_EQ(Facts<FWECantOpen>(load(under_file)),
+            "Cannot open file " + under_file + " mode=read (Not a directory)" + number(ENOTDIR) +
+                under_file + "|Not a directory");
+  EXPECT_EQ(Facts<FWECantOpen>([&] { FWStringUtils::SaveToFile("x", dir.Path()); }),
+            "Cannot open file " + dir.Path() + " mode=write (Is a directory)" + number(EISDIR) +
+                dir.Path() + "|Is a directory");
 }
 
 // ---- The update check ----

@@ -15,9 +15,9 @@
 #include <utility>
 
 #include "FWDescriptor.h"
+#include "FWErrorMessage.h"
 #include "FWException.h"
 #include "FWFeedCodec.h"
-#include "FWFile.h"
 #include "FWSocket.h"
 #include "FWStringUtils.h"
 #include "FeedProtocol.h"
@@ -45,14 +45,6 @@ std::string QuotedReply(const std::string& message) {
   const bool cut = text.size() > kMaxQuotedBytes;
   return Quoted(NorvaneClient::Escape(text.substr(0, kMaxQuotedBytes), true)) +
          (cut ? " (cut to " + std::to_string(kMaxQuotedBytes) + " bytes)" : "");
-}
-
-// The reason of a socket exception without the "(call) " in front of it.
-std::string Reason(const FWException& error) {
-  const std::string text = error.GetText();
-  const std::size_t close = text.find(") ");
-  if (text.starts_with("(") && close != std::string::npos) return text.substr(close + 2);
-  return text;
 }
 
 // Writes all of text; false with errno set when the descriptor fails.
@@ -212,8 +204,10 @@ void NorvaneClient::Feed::Start() {
   if (!CheckArguments()) return;
   try {
     Connect();
+  } catch (const FWESocketError& error) {
+    Fail(kExitConnection, "cannot connect: " + error.GetReason());
   } catch (const FWException& error) {
-    Fail(kExitConnection, "cannot connect: " + Reason(error));
+    Fail(kExitConnection, "cannot connect: " + error.GetText());
   }
 }
 
@@ -285,8 +279,10 @@ void NorvaneClient::Feed::Handle(short revents) {
   try {
     if ((revents & POLLOUT) != 0) Flush();
     if ((revents & (POLLIN | POLLHUP)) != 0 && !IsDone()) Receive();
+  } catch (const FWESocketError& error) {
+    Fail(kExitConnection, "connection lost: " + error.GetReason());
   } catch (const FWException& error) {
-    Fail(kExitConnection, "connection lost: " + Reason(error));
+    Fail(kExitConnection, "connection lost: " + error.GetText());
   }
 }
 

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <utility>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWProduct.h"
 #include "NorvaneWebAssets.h"
 

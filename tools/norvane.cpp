@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "FWFile.h"
+#include "FWErrorMessage.h"
 #include "FWHeap.h"
 #include "FWProduct.h"
 #include "NorvaneClient.h"
