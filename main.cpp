@@ -32,9 +32,6 @@
 #include "ProxyPort.h"
 #include "SessionManager.h"
 
-// The one session manager of the process while it runs; null otherwise. Owned by main.
-SessionManager* ManagerInstance = nullptr;
-
 // The number of the signal that ends the loop; 0 while the loop goes on. Written only by
 // signal_handler, and never reset: a signal received during start-up ends the daemon too.
 volatile std::sig_atomic_t loop_terminated = 0;
@@ -394,7 +391,6 @@ int main(int argc, char* argv[]) {
                 "the directory must be writable by the user running norvaned");
     return kExitFailed;
   }
-  ManagerInstance = manager.get();
   int code = kExitFailed;
   bool ready = ReadConfiguration(*manager, config, !named_config.empty(), report) &&
                CheckConfiguration(*manager, config, report);
@@ -415,7 +411,6 @@ int main(int argc, char* argv[]) {
     }
   }
   manager->Exit();
-  ManagerInstance = nullptr;
   manager.reset();
   LogStream.Close();
   return code;
