@@ -159,6 +159,8 @@ FeedServer::FeedServer(Host& host, Settings settings, LoginGuard* guard, std::st
       peer_(std::move(peer)),
       login_deadline_(now + feed::kLoginTimeoutSeconds) {}
 
+void FeedServer::Greet(const std::string& product) { host_.Reply(product + feed::kGreetingTail); }
+
 bool FeedServer::LoginExpired(std::time_t now) {
   if (state_ != kAwaitingLogin || now < login_deadline_) return false;
   host_.Log(FWStringUtils::Printf("no login within %d s, closing",

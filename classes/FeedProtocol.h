@@ -159,6 +159,8 @@ class FeedServer final {
   // (not owned; null for none). peer is the client's address.
   FeedServer(Host& host, Settings settings, LoginGuard* guard, std::string peer, std::time_t now);
 
+  // Sends the greeting: the product name and " Monitoring Service Ready.".
+  void Greet(const std::string& product);
   // Handles one line with its "\r\n".
   void HandleLine(const std::string& line);
   // True when a session awaiting login at `now` has run out of time; logs it once.

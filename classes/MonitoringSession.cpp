@@ -48,6 +48,45 @@ class MonitoringSession::FeedLink final : public LogFeed::Follower {
   MonitoringSession& session_;
 };
 
+// The dialogue's view of a server-role session.
+class MonitoringSession::ServerLink final : public FeedServer::Host {
+ public:
+  explicit ServerLink(MonitoringSession& session) : session_(session) {}
+
+  void Reply(const std::string& text) override { session_.SendReply(text); }
+  void Log(const std::string& text) override { session_.Log(text); }
+  void LoggedIn() override { session_.LoggedIn(); }
+  const std::vector<std::string>& LogFiles() override { return session_.LogFiles(); }
+  void StopFile() override { session_.StopFile(); }
+  int OpenFile(const std::string& name) override { return session_.OpenFile(name); }
+  void FollowFile() override { session_.JoinFeed(); }
+  void FollowBacklog(std::size_t lines) override { session_.FollowBacklog(lines); }
+  void FollowResumed(const feed::Position& from) override { session_.FollowResumed(from); }
+
+ private:
+  MonitoringSession& session_;
+};
+
+// The client role's reading of its feed: it reports only data, since the caller sends the
+// commands itself.
+class MonitoringSession::ClientLink final : public FeedClient::Host {
+ public:
+  explicit ClientLink(MonitoringSession& session) : session_(session) {}
+
+  void Send(const std::string& command) override { session_.SendCommand(command); }
+  void OnData(const std::string& data) override { session_.received_text_ += data; }
+  void OnName() override {}
+  void OnListed() override {}
+  void OnFollowing(const std::string& /*path*/) override {}
+  void OnResumeNote(const std::string& /*note*/) override {}
+  void OnExtensionsRefused() override {}
+  void OnRefused(FeedClient::Refusal /*refusal*/, const std::string& /*reply*/) override {}
+  void OnUnexpected(const std::string& /*message*/) override {}
+
+ private:
+  MonitoringSession& session_;
+};
+
 MonitoringSession::~MonitoringSession() { StopFile(); }
 
 void MonitoringSession::Open(int listening) {
@@ -62,28 +101,37 @@ void MonitoringSession::Open(int listening) {
   }
 }
 
-// The port's settings are read once: a session keeps those it was opened with.
+// The port's settings are read once: a session keeps those it was opened with. A session whose
+// accept found nothing, or no descriptor left, is closed before it gets its dialogue. The
+// greeting goes out through the dialogue, so the sanitizer's first check of the dialogue's view
+// of a session (which needs a spare descriptor) comes with the first accepted connection.
 void MonitoringSession::OpenServer(int listening) {
   OpenIncoming(listening);
   SetOpen(true);
   client_.reset();
+  if (GetIncomingSocket() == 0) {
+    Close();
+    return;
+  }
   FeedServer::Settings settings{monitoring_port_->GetDocumentRoot(), monitoring_port_->GetUser(),
                                 monitoring_port_->GetPassword(),
                                 monitoring_port_->HasDefaultPassword()};
-  FeedServer::Host& host = *this;
-  server_.emplace(host, std::move(settings), context_.login_guard, GetIncomingAddress(),
+  server_link_ = std::make_unique<ServerLink>(*this);
+  server_.emplace(*server_link_, std::move(settings), context_.login_guard, GetIncomingAddress(),
                   context_.Now());
-  SendReply(FWProduct::GetName() + feed::kGreetingTail);
-  if (GetIncomingSocket() == 0) Close();
+  server_->Greet(FWProduct::GetName());
 }
 
 void MonitoringSession::OpenClient() {
   OpenOutgoing(monitoring_port_->GetOutgoingServer(), monitoring_port_->GetOutgoingPort());
   SetOpen(true);
   server_.reset();
-  FeedClient::Host& host = *this;
-  client_.emplace(host, FeedClient::Request{});
-  if (GetOutgoingSocket() == 0) Close();
+  if (GetOutgoingSocket() == 0) {
+    Close();
+    return;
+  }
+  client_link_ = std::make_unique<ClientLink>(*this);
+  client_.emplace(*client_link_, FeedClient::Request{});
 }
 
 void MonitoringSession::Close() {
@@ -244,8 +292,6 @@ int MonitoringSession::OpenFile(const std::string& name) {
   own_tail_ = std::move(tail);
   return 0;
 }
-
-void MonitoringSession::FollowFile() { JoinFeed(); }
 
 void MonitoringSession::FollowBacklog(std::size_t lines) {
   own_tail_->Backlog(lines);

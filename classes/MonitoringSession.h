@@ -38,9 +38,7 @@ class MonitoringPort;
 // client (feed::kMaxPendingBytes after login), the session neither polls its log file nor reads
 // or handles further commands; both resume once the client has read enough (commands already
 // received are taken up again by CheckActive).
-class MonitoringSession final : public ProxySession,
-                                private FeedServer::Host,
-                                private FeedClient::Host {
+class MonitoringSession final : public ProxySession {
  public:
   // Client states.
   static constexpr int kGreetingSeen = 2;
@@ -131,17 +129,14 @@ class MonitoringSession final : public ProxySession,
   // The replies waiting for the client are past the bound: no command is taken, no file read.
   bool HeldBack() const;
 
-  // What the protocol asks of the session (FeedServer::Host).
-  void Reply(const std::string& text) override { SendReply(text); }
-  void Log(const std::string& text) override { ProxySession::Log(text); }
-  void LoggedIn() override;
-  const std::vector<std::string>& LogFiles() override;
-  void StopFile() override;
-  int OpenFile(const std::string& name) override;
-  void FollowFile() override;
-  void FollowBacklog(std::size_t lines) override;
-  void FollowResumed(const feed::Position& from) override;
-
+  // What the dialogue asks of the session, through its link (ServerLink).
+  void LoggedIn();
+  const std::vector<std::string>& LogFiles();
+  int OpenFile(const std::string& name);
+  void FollowBacklog(std::size_t lines);
+  void FollowResumed(const feed::Position& from);
+  // Ends the transmission: leaves the shared feed and closes the own reader.
+  void StopFile();
   // Follows the port's shared feed of the file, when the loop has shared feeds.
   void JoinFeed();
   // Sends what the own reader read; with positions, as one message behind its position line
@@ -149,25 +144,20 @@ class MonitoringSession final : public ProxySession,
   void SendData(const std::string& data, bool positions, const std::string& note = "");
   void QueueFrames(const std::vector<FWSharedBytes>& frames);
 
-  // What the client role's reading of the feed reports (FeedClient::Host): only data, since the
-  // caller sends the commands itself.
-  void Send(const std::string& command) override { SendCommand(command); }
-  void OnData(const std::string& data) override { received_text_ += data; }
-  void OnName() override {}
-  void OnListed() override {}
-  void OnFollowing(const std::string& /*path*/) override {}
-  void OnResumeNote(const std::string& /*note*/) override {}
-  void OnExtensionsRefused() override {}
-  void OnRefused(FeedClient::Refusal /*refusal*/, const std::string& /*reply*/) override {}
-  void OnUnexpected(const std::string& /*message*/) override {}
-
   // Logs the failure of a codec result under the session prefix and closes the session.
   void Fail(FWFeedCodec::Result result);
 
   MonitoringPort* const monitoring_port_;
   const SessionContext context_;
-  // The dialogue of the server role, and the reading of the client role; each empty in the other
-  // role and before Open.
+  // The dialogue's views of the session, and the dialogue of the server role and the reading of
+  // the client role; each empty in the other role, before Open and after an accept that gave no
+  // socket. The views are objects of their own, made only for a session with a socket: the
+  // sanitizer's first check of a polymorphic type needs a spare descriptor, and a session may be
+  // made and ended when none is left.
+  class ServerLink;
+  class ClientLink;
+  std::unique_ptr<ServerLink> server_link_;
+  std::unique_ptr<ClientLink> client_link_;
   std::optional<FeedServer> server_;
   std::optional<FeedClient> client_;
   std::string received_text_;
