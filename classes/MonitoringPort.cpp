@@ -69,8 +69,8 @@ void MonitoringPort::Validate(std::list<FWNotification>& notifications) const {
   if (password_.empty()) notifications.push_front(FWMValueRequired("Password"));
 }
 
-ProxySession* MonitoringPort::SessionCreate(int number) {
-  return new MonitoringSession(number, this);
+ProxySession* MonitoringPort::SessionCreate(int number, const SessionContext& context) {
+  return new MonitoringSession(number, this, context);
 }
 
 std::string MonitoringPort::GetStatusString() const { return ""; }

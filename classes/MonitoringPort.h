@@ -8,9 +8,6 @@
 
 #include "ProxyPort.h"
 
-class LogFeeds;
-class LoginGuard;
-
 class MonitoringPort final : public ProxyPort {
  public:
   // The password every port has until the configuration gives it one of its own. Everyone who
@@ -39,22 +36,13 @@ class MonitoringPort final : public ProxyPort {
   // takes the place of the path notification ("Log File Path /x is not a readable directory
   // (No such file or directory)"). User is deliberately not checked.
   void Validate(std::list<FWNotification>& notifications) const override;
-  // A new MonitoringSession(number, this) serving the log feed; the port owns it.
-  ProxySession* SessionCreate(int number) override;
+  // A new MonitoringSession(number, this, context) serving the log feed; the port owns it.
+  ProxySession* SessionCreate(int number, const SessionContext& context) override;
 
   // The port reports no status line of its own: always "".
   virtual std::string GetStatusString() const;
   // True when Password is empty or the built-in default.
   bool HasDefaultPassword() const;
-
-  // Run-time state, not configuration: the daemon's login brake and pass clock, set by the
-  // session manager before the port opens; null (no brake, time() as clock) otherwise. Not owned.
-  LoginGuard* GetLoginGuard() const { return login_guard_; }
-  void SetLoginGuard(LoginGuard* guard) { login_guard_ = guard; }
-  // The shared feeds of the followed files (the session manager's; not owned). Without them each
-  // session reads its file on its own.
-  LogFeeds* GetLogFeeds() const { return log_feeds_; }
-  void SetLogFeeds(LogFeeds* feeds) { log_feeds_ = feeds; }
 
   MonitoringPort& operator=(const MonitoringPort& other);
   bool operator==(const MonitoringPort& other) const;
@@ -85,8 +73,6 @@ class MonitoringPort final : public ProxyPort {
   FWString search_pattern_;
   FWString user_;
   FWString password_;
-  LoginGuard* login_guard_ = nullptr;
-  LogFeeds* log_feeds_ = nullptr;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGPORT_H_

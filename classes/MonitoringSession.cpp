@@ -111,11 +111,13 @@ const char* FailureText(FWFeedCodec::Result result) {
 
 }  // namespace
 
-MonitoringSession::MonitoringSession(int number, MonitoringPort* port)
+MonitoringSession::MonitoringSession(int number, MonitoringPort* port,
+                                     const SessionContext& context)
     : ProxySession(number, port),
       monitoring_port_(port),
       client_frames_(kPreLoginFrameLimit, kPreLoginFrameLimit),
-      server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit) {}
+      server_frames_(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit),
+      context_(context) {}
 
 class MonitoringSession::FeedLink final : public LogFeed::Follower {
  public:
@@ -176,14 +178,9 @@ void MonitoringSession::CollectLogfilesOnce() {
                    .Collect();
 }
 
-std::time_t MonitoringSession::Now() const {
-  const LoginGuard* guard = Guard();
-  return guard != nullptr ? guard->Now() : std::time(nullptr);
-}
+std::time_t MonitoringSession::Now() const { return context_.Now(); }
 
-LoginGuard* MonitoringSession::Guard() const {
-  return monitoring_port_ != nullptr ? monitoring_port_->GetLoginGuard() : nullptr;
-}
+LoginGuard* MonitoringSession::Guard() const { return context_.login_guard; }
 
 void MonitoringSession::Close() {
   const bool served_client = IsOpen() && server_state_ != 0 && GetIncomingSocket() != 0;
@@ -526,7 +523,7 @@ void MonitoringSession::HandleResume(const std::string& line) {
 }
 
 void MonitoringSession::JoinFeed() {
-  feeds_ = monitoring_port_->GetLogFeeds();
+  feeds_ = context_.log_feeds;
   if (feeds_ == nullptr) return;
   link_ = std::make_unique<FeedLink>(*this);
   feed_ = feeds_->Join(monitoring_port_->GetDocumentRoot(), file_name_, link_.get());

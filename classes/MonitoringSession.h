@@ -18,6 +18,7 @@
 #include "LogFeed.h"
 #include "LogTail.h"
 #include "ProxySession.h"
+#include "SessionContext.h"
 
 class LoginGuard;
 class MonitoringPort;
@@ -76,7 +77,7 @@ class MonitoringSession final : public ProxySession {
   static constexpr int kLinesPerPass = 1000;
 
   // The port supplies the settings and is not owned; it must outlive the session.
-  MonitoringSession(int number, MonitoringPort* port);
+  MonitoringSession(int number, MonitoringPort* port, const SessionContext& context);
   // Leaves the shared feed of its file, if any.
   ~MonitoringSession() override;
 
@@ -231,6 +232,8 @@ class MonitoringSession final : public ProxySession {
   bool commands_served_ = false;
   int password_failures_ = 0;
   std::time_t login_deadline_ = 0;
+  // The guard and feeds lent by the loop that opened the session.
+  SessionContext context_;
 };
 
 #endif  // NORVANE_CLASSES_MONITORINGSESSION_H_

@@ -88,8 +88,8 @@ void ProxyPort::Open() {
 
 void ProxyPort::UpdateAddressLists() {}
 
-ProxySession* ProxyPort::SessionOpen(int number) {
-  std::unique_ptr<ProxySession> created(SessionCreate(number));
+ProxySession* ProxyPort::SessionOpen(int number, const SessionContext& context) {
+  std::unique_ptr<ProxySession> created(SessionCreate(number, context));
   sessions_.push_back(std::move(created));
   ProxySession* session = sessions_.back().get();
   try {

@@ -15,6 +15,7 @@
 #include "FWDescriptor.h"
 #include "FWObject.h"
 #include "FWType.h"
+#include "SessionContext.h"
 
 class ProxySession;
 
@@ -59,9 +60,10 @@ class ProxyPort : public FWObject {
   virtual void Open();
   // Nothing to update in this class.
   virtual void UpdateAddressLists();
-  // A new session of the port's own kind for the given session number; the caller (SessionOpen)
-  // puts it into the port's list, which then owns it.
-  virtual ProxySession* SessionCreate(int number) = 0;
+  // A new session of the port's own kind for the given session number, lent the context's run-time
+  // parts (a session that uses them keeps a copy of the context); the caller (SessionOpen) puts it
+  // into the port's list, which then owns it.
+  virtual ProxySession* SessionCreate(int number, const SessionContext& context) = 0;
 
   // Called when the listening socket is readable: creates the session, appends it to the list and
   // calls its Open, which accepts the connection. An FWException from Open is logged as
@@ -69,7 +71,8 @@ class ProxyPort : public FWObject {
   // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
   // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
   // session, which the port's list owns; the pointer is a view for the caller.
-  ProxySession* SessionOpen(int number);
+  // SessionCreate gets the context; the default one is that of a session outside the loop.
+  ProxySession* SessionOpen(int number, const SessionContext& context = SessionContext{});
   const SessionList& GetSessions() const { return sessions_; }
   // For the session manager, which reaps closed sessions: removing one destroys it.
   SessionList& GetSessions() { return sessions_; }

@@ -183,12 +183,7 @@ void SessionManager::InitPorts() {
   initialized_ = true;
   login_guard_.SetNow(Now());
   log_feeds_ = std::make_unique<LogFeeds>();
-  for (const std::unique_ptr<ProxyPort>& port : ports_) {
-    if (auto* monitoring = dynamic_cast<MonitoringPort*>(port.get())) {
-      monitoring->SetLoginGuard(&login_guard_);
-      monitoring->SetLogFeeds(log_feeds_.get());
-    }
-  }
+  context_ = SessionContext{&login_guard_, log_feeds_.get()};
   if (!max_log_file_days_.IsNull()) LogStream.SetMaxDays(max_log_file_days_.Get());
   if (!max_log_file_size_.IsNull()) LogStream.SetMaxSize(max_log_file_size_.Get());
   LogBanner();
@@ -545,7 +540,7 @@ void SessionManager::AcceptConnections(const PassSets& sets) {
 bool SessionManager::AcceptWaiting(ProxyPort& port) {
   for (bool waiting = true; waiting && IsListenerPolled(port);) {
     // A view: the port's list owns the session.
-    const ProxySession* session = port.SessionOpen(static_cast<int>(TakeNumber(port)));
+    const ProxySession* session = port.SessionOpen(static_cast<int>(TakeNumber(port)), context_);
     const int error = session->GetAcceptError();
     if (FWSocketManager::IsResourceShortage(error)) {
       PauseAccepting(port, error);

@@ -22,6 +22,7 @@
 #include "FWType.h"
 #include "LogFeed.h"
 #include "LoginGuard.h"
+#include "SessionContext.h"
 
 class FWThread;
 class ProxyPort;
@@ -70,11 +71,12 @@ class SessionManager final : public FWObject, public FWSubscriber {
 
   // Start-up, once per initialization (a second call does nothing): InitPorts, then InitWorker.
   virtual void Init();
-  // The first part of Init: copies the log limits into LogStream, logs the banner, the system
-  // texts and the configuration (passwords masked), fills the session-number pool
-  // (GetPoolSize()), hands the monitoring ports the login guard and opens every port (an exception
-  // from a port propagates; the failing port is the first one without a listening socket). The
-  // daemon runs it before it detaches: sockets survive the fork, a thread would not.
+  // The first part of Init: makes the shared feeds and lends them and the login guard to the
+  // sessions opened from then on, copies the log limits into LogStream, logs the banner, the
+  // system texts and the configuration (passwords masked), fills the session-number pool
+  // (GetPoolSize()) and opens every port (an exception from a port propagates; the failing port is
+  // the first one without a listening socket). The daemon runs it before it detaches: sockets
+  // survive the fork, a thread would not.
   void InitPorts();
   // The second part of Init: starts the worker thread. Call it after InitPorts.
   void InitWorker();
@@ -227,6 +229,8 @@ class SessionManager final : public FWObject, public FWSubscriber {
   std::function<std::time_t()> clock_;
   LoginGuard login_guard_;
   std::unique_ptr<LogFeeds> log_feeds_;
+  // What each session opened is lent: empty before Init.
+  SessionContext context_;
   std::time_t accept_paused_until_ = 0;
   bool accept_shortage_logged_ = false;
   std::unique_ptr<FWThread> thread_;

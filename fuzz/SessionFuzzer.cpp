@@ -45,6 +45,7 @@
 #include "LoginGuard.h"
 #include "MonitoringPort.h"
 #include "MonitoringSession.h"
+#include "SessionContext.h"
 
 namespace {
 
@@ -174,7 +175,8 @@ std::string HandFrame(std::uint32_t length, std::string body) {
 // One client's connection: its end of the socket, with the client's reader, and the session
 // that accepted it.
 struct Connection {
-  Connection(Fixture& fixture, int number) : session(number, &fixture.port) {
+  Connection(Fixture& fixture, int number, const SessionContext& context)
+      : session(number, &fixture.port, context) {
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0 ||
         ::connect(fd, reinterpret_cast<const sockaddr*>(&fixture.address), fixture.length) != 0) {
@@ -225,7 +227,7 @@ struct Connection {
   int messages = 0;
 };
 
-// A pass of the daemon's loop (SessionManager::Select) without the sockets, which the other
+// A pass of the daemon's loop (ServiceLoop::Pass) without the sockets, which the other
 // chunks stand for: the sessions, then the shared feeds.
 void RunPass(FuzzInput& in, LoginGuard& guard, LogFeeds& feeds, Connection* const* connections) {
   const std::time_t step = in.Byte() % 64;
@@ -256,11 +258,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   LoginGuard guard;
   guard.SetNow(1000000000);
   LogFeeds feeds;
-  fixture.port.SetLoginGuard(&guard);
-  fixture.port.SetLogFeeds(&feeds);
+  const SessionContext context{&guard, &feeds};
   {
-    Connection first(fixture, 1);
-    Connection second(fixture, 2);
+    Connection first(fixture, 1, context);
+    Connection second(fixture, 2, context);
     Connection* const connections[2] = {&first, &second};
     // The clients' own codec makes their frames, as a real client's would.
     const FWFeedCodec codec(FWFeedCodec::kClientFrameLimit, FWFeedCodec::kClientMessageLimit);
@@ -336,7 +337,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   if (feeds.size() != 0) Die("a shared feed outlived its sessions");
-  fixture.port.SetLogFeeds(nullptr);
-  fixture.port.SetLoginGuard(nullptr);
   return 0;
 }

@@ -559,7 +559,9 @@ TEST_F(MonitoringSessionTest,
   MonitoringPort client_port;
   client_port.SetOutgoingServer(FWString("127.0.0.1"));
   client_port.SetOutgoingPort(FWString(std::to_string(server.Port())));
-  MonitoringSession reader(7, &client_port), lost(8, &client_port), refused(9, &client_port);
+  const SessionContext none;
+  MonitoringSession reader(7, &client_port, none), lost(8, &client_port, none),
+      refused(9, &client_port, none);
   reader.Open(0);
   ASSERT_TRUE(reader.IsOpen() && server.Accept());
   reader.SendCommand("user logwatcher\r\n");

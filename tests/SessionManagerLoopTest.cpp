@@ -81,7 +81,9 @@ class LoopPort final : public ProxyPort {
 
   LoopPort* New() const override { return new LoopPort(relay_); }
   LoopPort* Clone() const override { return new LoopPort(*this); }
-  ProxySession* SessionCreate(int number) override { return new TestSession(number, this, relay_); }
+  ProxySession* SessionCreate(int number, const SessionContext& /*context*/) override {
+    return new TestSession(number, this, relay_);
+  }
 
  private:
   const bool relay_;
