@@ -186,11 +186,11 @@ TEST_F(SessionManagerLoopTest, SessionsAreServedReapedAndNumberedFromBothEndsOfT
   EXPECT_TRUE(PassUntilReceived(*third, "still here"));
   watcher.reset();
   ASSERT_TRUE(PassUntil([&] { return monitoring->GetSessions().empty(); }));
-  EXPECT_EQ(manager_.GetUsedNumbers(), Numbers{0});
+  EXPECT_EQ(manager_.GetLoop().GetPool().GetUsed(), Numbers{0});
   watcher = Connect(monitoring);
   ASSERT_TRUE(PassUntil([&] { return NumbersOf(monitoring).size() == 1; }));
   EXPECT_EQ(NumbersOf(monitoring), Numbers{PoolSize() - 1});
-  EXPECT_EQ(manager_.GetFreeNumbers().size(), PoolSize() - 2);
+  EXPECT_EQ(manager_.GetLoop().GetPool().GetFree().size(), PoolSize() - 2);
 }
 
 TEST_F(SessionManagerLoopTest, AcceptsStartAtTheNextPortEachPass) {
@@ -362,7 +362,7 @@ TEST_F(SessionManagerLoopTest, TwoPortsServeConcurrentClientsRelayBothWaysAndLog
   for (auto& client : echo_clients) client->SendRaw("quit");
   ASSERT_TRUE(
       PassUntil([&] { return echo->GetSessions().empty() && relay->GetSessions().empty(); }));
-  EXPECT_TRUE(manager_.GetUsedNumbers().empty());
+  EXPECT_TRUE(manager_.GetLoop().GetPool().GetUsed().empty());
   EXPECT_EQ(Counter.Get("Echo_ReceiveIncoming"), 18u);
   EXPECT_EQ(Counter.Get("Echo_SendIncoming"), 18u);
   EXPECT_EQ(Counter.Get("Relay_SendOutgoing"), 10u);
