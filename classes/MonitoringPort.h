@@ -37,7 +37,7 @@ class MonitoringPort final : public ProxyPort {
   // takes the place of the path notification ("Log File Path /x is not a readable directory
   // (No such file or directory)"). User is deliberately not checked.
   void Validate(std::list<FWNotification>& notifications) const override;
-  // A new MonitoringSession(number, this) serving the log feed; the port owns it.
+  // A new MonitoringSession(number, this, context) serving the log feed; the port owns it.
   ProxySession* SessionCreate(int number, const SessionContext& context) override;
 
   // The port reports no status line of its own: always "".

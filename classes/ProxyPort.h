@@ -60,8 +60,9 @@ class ProxyPort : public FWObject {
   virtual void Open();
   // Nothing to update in this class.
   virtual void UpdateAddressLists();
-  // A new session of the port's own kind for the given session number; the caller (SessionOpen)
-  // puts it into the port's list, which then owns it.
+  // A new session of the port's own kind for the given session number, lent the context's run-time
+  // parts (a session that uses them keeps a copy of the context); the caller (SessionOpen) puts it
+  // into the port's list, which then owns it.
   virtual ProxySession* SessionCreate(int number, const SessionContext& context) = 0;
 
   // Called when the listening socket is readable: creates the session, appends it to the list and
@@ -70,6 +71,7 @@ class ProxyPort : public FWObject {
   // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
   // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
   // session, which the port's list owns; the pointer is a view for the caller.
+  // SessionCreate gets the context; the default one is that of a session outside the loop.
   ProxySession* SessionOpen(int number, const SessionContext& context = SessionContext{});
   const SessionList& GetSessions() const { return sessions_; }
   // For the session manager, which reaps closed sessions: removing one destroys it.

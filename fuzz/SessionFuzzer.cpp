@@ -46,6 +46,7 @@
 #include "LoginGuard.h"
 #include "MonitoringPort.h"
 #include "MonitoringSession.h"
+#include "SessionContext.h"
 
 namespace {
 
@@ -227,7 +228,7 @@ struct Connection {
   int messages = 0;
 };
 
-// A pass of the daemon's loop (SessionManager::Select) without the sockets, which the other
+// A pass of the daemon's loop (ServiceLoop::Pass) without the sockets, which the other
 // chunks stand for: the sessions, then the shared feeds.
 void RunPass(FuzzInput& in, LoginGuard& guard, LogFeeds& feeds, Connection* const* connections) {
   const std::time_t step = in.Byte() % 64;

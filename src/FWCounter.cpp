@@ -24,3 +24,5 @@ int FWCounter::Clear(const std::string& name) {
   it->second = 0;
   return 0;
 }
+
+uint32_t& FWCounter::Reference(const std::string& name) { return values_[name]; }

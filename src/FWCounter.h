@@ -22,6 +22,10 @@ class FWCounter {
   void Set(const std::string& name, uint32_t value);
   // 0 after setting an existing counter to 0; kUnknownCounter, changing nothing, otherwise.
   int Clear(const std::string& name);
+  // The counter's value itself, for a user that updates it often: the counter is created with 0
+  // when needed (as Increment would create it), and since no counter is ever removed, the
+  // reference stays valid as long as the table.
+  uint32_t& Reference(const std::string& name);
 
   const std::map<std::string, uint32_t>& GetAll() const { return values_; }
 
