@@ -9,9 +9,9 @@
 #include <map>
 #include <string>
 
-// Main thread only. Owned by the session manager, which sets the time at every pass; the ports
-// and sessions hold plain pointers to it. Nothing here blocks: a refused login is answered at
-// once, never delayed.
+// Main thread only. Owned by the service loop, which sets the time at every pass; the sessions
+// hold a plain pointer to it in their SessionContext, and the feed dialogue consults it. Nothing
+// here blocks: a refused login is answered at once, never delayed.
 class LoginGuard final {
  public:
   // An address with this many failures within kWindowSeconds is refused for kRefusalSeconds.

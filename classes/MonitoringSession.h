@@ -25,7 +25,7 @@
 
 class MonitoringPort;
 
-// Main thread only (the session manager's loop); holds no lock.
+// Main thread only (the service loop); holds no lock.
 //
 // Input from a client is bounded: a frame longer than 1 MiB, a message inflating past 1 MiB, or
 // more than feed::kLineLimit of command text without "\r\n" is logged ("frame too large",

@@ -4,8 +4,8 @@
 //
 // Two sides: the configuration (members, defaults, accessors, validation), which copying,
 // comparison and the configuration file see; and the run-time state (the listening socket and the
-// sessions accepted on it), which only Open, Close, SessionOpen and the session manager's loop
-// touch. Copying a port copies its configuration only, never its socket or sessions.
+// sessions accepted on it), which only Open, Close, SessionOpen and the service loop touch. Copying
+// a port copies its configuration only, never its socket or sessions.
 #ifndef NORVANE_CLASSES_PROXYPORT_H_
 #define NORVANE_CLASSES_PROXYPORT_H_
 
@@ -23,7 +23,7 @@ class ProxySession;
 class ProxyPort : public FWObject {
  public:
   // The sessions accepted on the port, in accept order. The list owns them: Close and the
-  // destructor empty it; the session manager removes a session that is no longer open when it
+  // destructor empty it; the service loop removes a session that is no longer open when it
   // reaps it.
   using SessionList = std::list<std::unique_ptr<ProxySession>>;
 
@@ -68,13 +68,13 @@ class ProxyPort : public FWObject {
   // Called when the listening socket is readable: creates the session, appends it to the list and
   // calls its Open, which accepts the connection. An FWException from Open is logged as
   // "<text> - closing session" under the session's prefix and the session is closed; it stays in
-  // the list until the manager reaps it. An accept that gave no socket (GetAcceptError() set)
+  // the list until the loop reaps it. An accept that gave no socket (GetAcceptError() set)
   // closes the session without a log line. Exceptions from SessionCreate propagate. Returns the
   // session, which the port's list owns; the pointer is a view for the caller.
   // SessionCreate gets the context; the default one is that of a session outside the loop.
   ProxySession* SessionOpen(int number, const SessionContext& context = SessionContext{});
   const SessionList& GetSessions() const { return sessions_; }
-  // For the session manager, which reaps closed sessions: removing one destroys it.
+  // For the service loop, which reaps closed sessions: removing one destroys it.
   SessionList& GetSessions() { return sessions_; }
   // The listening socket; 0 while the port is closed.
   int GetListeningSocket() const {
