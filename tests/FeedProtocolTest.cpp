@@ -92,6 +92,9 @@ TEST(FeedServerTest, EveryReplyAndActionOfADialogueIsExact) {
            {"-ERR User unknown\r\n",
             "log: login failed: user \"USER restarter\"" + peer + " (unknown user)"}},
           {"user restarter\r\n", {"+OK\r\n"}},
+          {"user nobody\r\n",  // does not take the accepted user back
+           {"-ERR User unknown\r\n",
+            "log: login failed: user \"nobody\"" + peer + " (unknown user)"}},
           {"pass \r\n", {}},
           {"PASS bypass1\r\n",
            {"-ERR Login failed (invalid password)\r\n",
@@ -109,7 +112,10 @@ TEST(FeedServerTest, EveryReplyAndActionOfADialogueIsExact) {
           {"start b.log\r\n",
            {"<stop>", "<open b.log>", "-ERR can't read b.log: Is a directory\r\n"}},
           {"start\r\n", {"-ERR invalid logfile name\r\n"}},  // the refusal ended the file
-          {"user restarter\r\n", {"-ERR unrecognized command\r\n"}},
+          {"user restarter\r\nquit \r\n",
+           {"-ERR unrecognized command\r\n", "-ERR unrecognized command\r\n"}},
+          {"start missing.log\r\n",
+           {"<stop>", "-ERR invalid logfile name\r\n", "log: refused name \"missing.log\"" + peer}},
           {"stop\r\n", {"+OK logfile transmission stopped\r\n", "<stop>"}},
           {"start a.log\r\nstop\r\n",
            {"<stop>", "<open a.log>", "log: start \"" + kRoot + "/a.log\"" + peer,

@@ -35,8 +35,7 @@ using testutil::FeedPeer;
 using testutil::LoopPort;
 using Lines = std::vector<std::string>;
 using Numbers = std::set<unsigned int>;
-
-constexpr milliseconds kWait{10000};
+using testutil::NumbersOf;
 
 class ServiceLoopTest : public ::testing::Test {
  protected:
@@ -71,28 +70,11 @@ class ServiceLoopTest : public ::testing::Test {
   static std::unique_ptr<FeedPeer> Connect(const ProxyPort* port) {
     return std::make_unique<FeedPeer>(std::stoi(port->GetIncomingPort()));
   }
-  // Runs passes of the loop until pred holds, for at most kWait.
   bool PassUntil(const std::function<bool()>& pred) {
-    return testutil::WaitUntil(
-        [&] {
-          if (pred()) return true;
-          Pass();
-          return pred();
-        },
-        kWait);
+    return testutil::PassUntil([&] { Pass(); }, pred);
   }
-  // Passes until the peer has received exactly data (and, with closed, seen the end).
   bool PassUntilReceived(FeedPeer& peer, const std::string& data, bool closed = false) {
-    std::string received;
-    return PassUntil([&] {
-      received += peer.ReceiveRaw(65536, milliseconds(0));
-      return received == data && (!closed || peer.Closed());
-    });
-  }
-  static Numbers NumbersOf(const ProxyPort* port) {
-    Numbers numbers;
-    for (const auto& session : port->GetSessions()) numbers.insert(session->GetNumber());
-    return numbers;
+    return testutil::PassUntilReceived([&] { Pass(); }, peer, data, closed);
   }
   Lines LinesStartingWith(const std::string& start) const {
     Lines lines = log_.Lines();

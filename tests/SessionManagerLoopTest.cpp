@@ -31,8 +31,7 @@ using testutil::FeedPeer;
 using testutil::LoopPort;
 using Lines = std::vector<std::string>;
 using Numbers = std::set<unsigned int>;
-
-constexpr milliseconds kWait{10000};
+using testutil::NumbersOf;
 
 class SessionManagerLoopTest : public ::testing::Test {
  protected:
@@ -57,28 +56,11 @@ class SessionManagerLoopTest : public ::testing::Test {
   static std::unique_ptr<FeedPeer> Connect(const ProxyPort* port) {
     return std::make_unique<FeedPeer>(std::stoi(port->GetIncomingPort()));
   }
-  // Runs passes of the loop until pred holds, for at most kWait.
   bool PassUntil(const std::function<bool()>& pred) {
-    return testutil::WaitUntil(
-        [&] {
-          if (pred()) return true;
-          manager_.Select();
-          return pred();
-        },
-        kWait);
+    return testutil::PassUntil([&] { manager_.Select(); }, pred);
   }
-  // Passes until the peer has received exactly data (and, with closed, seen the end).
   bool PassUntilReceived(FeedPeer& peer, const std::string& data, bool closed = false) {
-    std::string received;
-    return PassUntil([&] {
-      received += peer.ReceiveRaw(65536, milliseconds(0));
-      return received == data && (!closed || peer.Closed());
-    });
-  }
-  static Numbers NumbersOf(const ProxyPort* port) {
-    Numbers numbers;
-    for (const auto& session : port->GetSessions()) numbers.insert(session->GetNumber());
-    return numbers;
+    return testutil::PassUntilReceived([&] { manager_.Select(); }, peer, data, closed);
   }
 
   testutil::LogCapture log_;

@@ -27,4 +27,29 @@ ProxySession* LoopPort::SessionCreate(int number, const SessionContext& /*contex
   return new TestSession(number, this, relay_);
 }
 
+bool PassUntil(const std::function<void()>& pass, const std::function<bool()>& pred) {
+  return WaitUntil(
+      [&] {
+        if (pred()) return true;
+        pass();
+        return pred();
+      },
+      seconds(10));
+}
+
+bool PassUntilReceived(const std::function<void()>& pass, FeedPeer& peer, const std::string& data,
+                       bool closed) {
+  std::string received;
+  return PassUntil(pass, [&] {
+    received += peer.ReceiveRaw(65536, milliseconds(0));
+    return received == data && (!closed || peer.Closed());
+  });
+}
+
+std::set<unsigned int> NumbersOf(const ProxyPort* port) {
+  std::set<unsigned int> numbers;
+  for (const auto& session : port->GetSessions()) numbers.insert(session->GetNumber());
+  return numbers;
+}
+
 }  // namespace testutil

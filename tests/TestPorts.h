@@ -4,11 +4,14 @@
 #define NORVANE_TESTS_TESTPORTS_H_
 
 #include <cstddef>
+#include <functional>
+#include <set>
 #include <string>
 
 #include "ProxyPort.h"
 #include "ProxySession.h"
 #include "SessionContext.h"
+#include "TestUtil.h"
 
 namespace testutil {
 
@@ -45,6 +48,14 @@ class LoopPort final : public ProxyPort {
  private:
   const bool relay_;
 };
+
+// Runs pass() until pred holds, for at most 10 s.
+bool PassUntil(const std::function<void()>& pass, const std::function<bool()>& pred);
+// Passes until the peer has received exactly data (and, with closed, seen the end).
+bool PassUntilReceived(const std::function<void()>& pass, FeedPeer& peer, const std::string& data,
+                       bool closed = false);
+// The numbers of the port's sessions.
+std::set<unsigned int> NumbersOf(const ProxyPort* port);
 
 }  // namespace testutil
 
